@@ -1,0 +1,129 @@
+#include "common/TestSupport.h"
+
+#include <dirent.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <stdexcept>
+
+namespace Tarvo::Test {
+namespace {
+
+constexpr const char* kChildMarker = "TARVO_TEST_CHILD=1";
+
+std::string readAll(int fd) {
+  std::string text;
+  char buffer[4096];
+  ssize_t n;
+  while ((n = read(fd, buffer, sizeof buffer)) > 0 || (n < 0 && errno == EINTR)) {
+    if (n > 0) {
+      text.append(buffer, static_cast<size_t>(n));
+    }
+  }
+  return text;
+}
+
+// Forks; the child redirects its output into two pipes and runs `body`, the parent
+// collects both pipes and the exit status. Output is read through temporary files so a
+// chatty child can never block on a full pipe.
+ChildResult forkCaptured(const std::function<void()>& body) {
+  FILE* out = std::tmpfile();
+  FILE* err = std::tmpfile();
+  if (out == nullptr || err == nullptr) {
+    throw std::runtime_error("tmpfile failed");
+  }
+  fflush(nullptr);
+  pid_t pid = fork();
+  if (pid < 0) {
+    throw std::runtime_error("fork failed");
+  }
+  if (pid == 0) {
+    dup2(fileno(out), STDOUT_FILENO);
+    dup2(fileno(err), STDERR_FILENO);
+    body();
+    _exit(127);
+  }
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  ChildResult result;
+  if (WIFEXITED(status)) {
+    result.exitCode = WEXITSTATUS(status);
+  } else if (WIFSIGNALED(status)) {
+    result.signal = WTERMSIG(status);
+  }
+  lseek(fileno(out), 0, SEEK_SET);
+  lseek(fileno(err), 0, SEEK_SET);
+  result.out = readAll(fileno(out));
+  result.err = readAll(fileno(err));
+  fclose(out);
+  fclose(err);
+  return result;
+}
+
+}  // namespace
+
+ChildResult runInChild(const std::function<int()>& body) {
+  return forkCaptured([&] {
+    int code = body();
+    fflush(nullptr);
+    _exit(code);
+  });
+}
+
+ChildResult runSelf(const std::string& gtestFilter, const std::vector<std::string>& env) {
+  char self[PATH_MAX];
+  ssize_t len = readlink("/proc/self/exe", self, sizeof self - 1);
+  if (len < 0) {
+    throw std::runtime_error("readlink /proc/self/exe failed");
+  }
+  self[len] = '\0';
+  return forkCaptured([&] {
+    for (const std::string& entry : env) {
+      putenv(const_cast<char*>(entry.c_str()));
+    }
+    putenv(const_cast<char*>(kChildMarker));
+    std::string filter = "--gtest_filter=" + gtestFilter;
+    execl(self, self, filter.c_str(), "--gtest_brief=1", static_cast<char*>(nullptr));
+    _exit(126);
+  });
+}
+
+bool isChildRun() {
+  const char* marker = std::getenv("TARVO_TEST_CHILD");
+  return marker != nullptr && std::strcmp(marker, "1") == 0;
+}
+
+int openFdCount() {
+  int count = 0;
+  DIR* dir = opendir("/proc/self/fd");
+  if (dir == nullptr) {
+    return -1;
+  }
+  while (dirent* entry = readdir(dir)) {
+    if (entry->d_name[0] != '.') {
+      ++count;
+    }
+  }
+  closedir(dir);
+  return count - 1;  // the directory stream's own descriptor
+}
+
+TempDir::TempDir() {
+  std::string pattern = (std::filesystem::temp_directory_path() / "tarvo-test-XXXXXX").string();
+  if (mkdtemp(pattern.data()) == nullptr) {
+    throw std::runtime_error("mkdtemp failed");
+  }
+  path_ = pattern;
+}
+
+TempDir::~TempDir() {
+  std::error_code ignored;
+  std::filesystem::remove_all(path_, ignored);
+}
+
+}  // namespace Tarvo::Test
