@@ -2,6 +2,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -104,54 +105,70 @@ std::string levelsText(uint32_t mask, bool all) {
 
 void DebugHandler::dump(Platform::DebugStream& stream, unsigned level, const char* file, int line,
                         const char* function) {
-  std::ostringstream text;
+  // Built in a plain string rather than a stream: this runs for every enabled line.
+  std::string text;
+  text.reserve(128);
+  auto appendNumber = [&text](long value) {
+    char digits[24];
+    auto [end, ec] = std::to_chars(digits, digits + sizeof digits, value);
+    text.append(digits, end);
+    text += ' ';
+  };
   timeval now{};
   gettimeofday(&now, nullptr);
   tm local{};
   const bool haveTime = localtime_r(&now.tv_sec, &local) != nullptr;
   char buffer[64];
   if (haveTime && DebugControl::showDate_.load(std::memory_order_relaxed)) {
-    std::strftime(buffer, sizeof buffer, "%Y-%m-%d ", &local);
-    text << buffer;
+    text.append(buffer, std::strftime(buffer, sizeof buffer, "%Y-%m-%d ", &local));
   }
   if (haveTime && DebugControl::showTime_.load(std::memory_order_relaxed)) {
-    std::strftime(buffer, sizeof buffer, "%H:%M:%S", &local);
-    // The microseconds are deliberately not zero-padded.
-    text << buffer << "." << now.tv_usec << " ";
+    text.append(buffer, std::strftime(buffer, sizeof buffer, "%H:%M:%S", &local));
+    text += '.';
+    appendNumber(now.tv_usec);  // deliberately not zero-padded
   }
   if (DebugControl::showPid_.load(std::memory_order_relaxed)) {
-    text << getpid() << " ";
+    appendNumber(getpid());
   }
   if (DebugControl::showTid_.load(std::memory_order_relaxed)) {
-    text << Platform::gettid() << " ";
+    appendNumber(Platform::gettid());
   }
   if (DebugControl::showHandleName_.load(std::memory_order_relaxed)) {
-    text << name() << " ";
+    text += name();
+    text += ' ';
   }
   if (DebugControl::showLevel_.load(std::memory_order_relaxed)) {
-    text << level << " ";
+    appendNumber(level);
   }
-  // A missing file or function leaves the line stream failed, as streaming a null string
-  // would: nothing further is appended.
+  // A missing file or function ends the line at that field, as streaming a null string
+  // into the line would: nothing further, not even the message, is appended.
+  bool failed = false;
   if (DebugControl::showLineInfo_.load(std::memory_order_relaxed)) {
     if (file == nullptr) {
-      text.setstate(std::ios::badbit);
+      failed = true;
     } else {
-      text << baseName(file) << ":" << line << " ";
+      text += baseName(file);
+      text += ':';
+      appendNumber(line);
     }
   }
-  if (DebugControl::showFuncName_.load(std::memory_order_relaxed)) {
+  if (!failed && DebugControl::showFuncName_.load(std::memory_order_relaxed)) {
     if (function == nullptr) {
-      text.setstate(std::ios::badbit);
+      failed = true;
     } else {
-      text << function << " ";
+      text += function;
+      text += ' ';
     }
   }
-  text << stream.str();
+  if (!failed) {
+    text += stream.view();
+  }
+  text += '\n';
 
   Platform::LocoGuard guard;
   std::ostream& out = traceFile_->is_open() ? static_cast<std::ostream&>(*traceFile_) : std::cerr;
-  out << text.str() << '\n' << std::flush;
+  out.write(text.data(), static_cast<std::streamsize>(text.size()));
+  out.flush();
 }
 
 std::string DebugHandler::displayString(const DebugHandler& handler) {

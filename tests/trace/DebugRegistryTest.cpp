@@ -1,0 +1,249 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "Tarvo/Debug.h"
+#include "Tarvo/Exception.h"
+#include "Tarvo/Platform.h"
+#include "common/TestSupport.h"
+
+using namespace Tarvo;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+namespace {
+
+// The registry is process-wide: every test uses names of its own.
+struct HandlerDeleter {
+  void operator()(Platform::DebugHandler* h) const { Platform::destroyDebugHandler(h); }
+};
+using HandlerPtr = std::unique_ptr<Platform::DebugHandler, HandlerDeleter>;
+
+HandlerPtr handler(const std::string& name) { return HandlerPtr(Platform::getDebugHandler(name)); }
+
+constexpr uint32_t bits(std::initializer_list<unsigned> levels) {
+  uint32_t mask = 0;
+  for (unsigned l : levels) mask |= 1u << l;
+  return mask;
+}
+
+std::string registryListing() {
+  testing::internal::CaptureStdout();
+  Platform::dumpTarvoDebugMap();
+  return testing::internal::GetCapturedStdout();
+}
+
+// The part of the listing from the line `from` up to the line `to` (or the end).
+std::string section(const std::string& listing, const std::string& from, const std::string& to) {
+  size_t begin = listing.find(from);
+  size_t end = to.empty() ? std::string::npos : listing.find(to, begin);
+  return listing.substr(begin, end == std::string::npos ? end : end - begin);
+}
+
+}  // namespace
+
+TEST(TraceRegistry, LibraryDefaultTurnsOnLevelsZeroAndOneForTarvoNames) {
+  EXPECT_EQ(handler("TarvoRegistryProbe")->levelMask(), bits({0, 1}));
+  EXPECT_EQ(handler("NotTarvoProbe")->levelMask(), 0u);
+  EXPECT_THAT(registryListing(), HasSubstr("Wildcard:\n    Tarvo*/01\n"));
+}
+
+TEST(TraceRegistry, ExactSettingMadeFirstReceivesLaterWildcard) {
+  Platform::setupTarvoDebug("RegFoo/3,RegFoo*/1");
+  EXPECT_EQ(handler("RegFoo")->levelMask(), bits({1, 3}));
+  EXPECT_EQ(handler("RegFooBar")->levelMask(), bits({1}));
+  EXPECT_EQ(handler("TarvoStillDefault")->levelMask(), bits({0, 1}));
+}
+
+TEST(TraceRegistry, LongestPrefixWinsAndExactStartsFromItsPrefix) {
+  Platform::setupTarvoDebug("RegLong*/2,RegLongPrefix*/7");
+  EXPECT_EQ(handler("RegLongPrefixName")->levelMask(), bits({2, 7}));
+  EXPECT_EQ(handler("RegLongOther")->levelMask(), bits({2}));
+  // An exact setting created under a prefix starts from the prefix's levels.
+  Platform::setupTarvoDebug("RegLongExact/4");
+  EXPECT_EQ(handler("RegLongExact")->levelMask(), bits({2, 4}));
+}
+
+TEST(TraceRegistry, LevelsGrammarIgnoresUnknownCharacters) {
+  EXPECT_EQ(Zel::DebugControl::parseLevels("01"), bits({0, 1}));
+  EXPECT_EQ(Zel::DebugControl::parseLevels("a7"), bits({7}));
+  EXPECT_EQ(Zel::DebugControl::parseLevels("x9y"), bits({9}));
+  EXPECT_EQ(Zel::DebugControl::parseLevels("*"), 0x3ffu);
+  EXPECT_EQ(Zel::DebugControl::parseLevels("1/2"), bits({1, 2}));
+  EXPECT_EQ(Zel::DebugControl::parseLevels(""), 0u);
+  bool wildcard = false;
+  EXPECT_EQ(Zel::DebugControl::parseName("A*b", wildcard), "A*b");
+  EXPECT_FALSE(wildcard);
+  EXPECT_EQ(Zel::DebugControl::parseName("*", wildcard), "");
+  EXPECT_TRUE(wildcard);
+
+  Platform::setupTarvoDebug("RegEmptyA/,RegEmptyB,RegNine/x9y,,RegSlash/1/2");
+  const std::string listing = registryListing();
+  EXPECT_THAT(listing, HasSubstr("    RegEmptyA/\n"));
+  EXPECT_THAT(listing, HasSubstr("    RegEmptyB/\n"));
+  EXPECT_THAT(listing, HasSubstr("    RegNine/9\n"));
+  EXPECT_THAT(listing, HasSubstr("    RegSlash/12\n"));
+  EXPECT_EQ(handler("RegNine")->levelMask(), bits({9}));
+}
+
+TEST(TraceRegistry, SetReachesEveryLiveHandlerOfTheNameAndDestroyKeepsTheOther) {
+  HandlerPtr first = handler("RegTwin");
+  HandlerPtr second = handler("RegTwin");
+  Platform::setupTarvoDebug("RegTwin/6");
+  EXPECT_EQ(first->levelMask(), bits({6}));
+  EXPECT_EQ(second->levelMask(), bits({6}));
+  first.reset();
+  const std::string handlers = section(registryListing(), "Handlers:", "");
+  const size_t at = handlers.find("    RegTwin/6\n");
+  ASSERT_NE(at, std::string::npos);
+  EXPECT_EQ(handlers.find("    RegTwin/6\n", at + 1), std::string::npos);
+  Platform::clearTarvoDebug("RegTwin/6");
+  EXPECT_EQ(second->levelMask(), 0u);
+}
+
+TEST(TraceRegistry, FixedHandlerKeepsItsMaskThroughSetAndClear) {
+  std::unique_ptr<Zel::DebugHandler> fixed;
+  {
+    Platform::LocoGuard guard;
+    fixed = std::make_unique<Zel::DebugHandler>("RegFixed", bits({2}), true);
+  }
+  Platform::setupTarvoDebug("RegFixed/5,RegFix*/7");
+  Platform::clearTarvoDebug("RegFixed/2,RegFix*/2");
+  EXPECT_EQ(fixed->levelMask(), bits({2}));
+  EXPECT_THAT(registryListing(), HasSubstr("    RegFixed+/2\n"));
+  Platform::LocoGuard guard;
+  fixed.reset();
+}
+
+TEST(TraceRegistry, ClearRemovesLevelsAndDeletesSettingsLeftEmpty) {
+  HandlerPtr h = handler("RegClearMe");
+  Platform::setupTarvoDebug("RegClearMe/35,RegClr*/4");
+  Platform::clearTarvoDebug("RegClearMe/3");
+  EXPECT_EQ(h->levelMask(), bits({5}));
+  Platform::clearTarvoDebug("RegClearMe/5");
+  EXPECT_THAT(section(registryListing(), "Specific:", "Wildcard:"), Not(HasSubstr("RegClearMe")));
+
+  // A wildcard clear reaches longer prefixes and exact settings below it.
+  HandlerPtr under = handler("RegClrUnder");
+  Platform::setupTarvoDebug("RegClrDeep*/6,RegClrExact/8");
+  Platform::clearTarvoDebug("RegClr*/468");
+  EXPECT_EQ(under->levelMask(), 0u);
+  const std::string listing = registryListing();
+  EXPECT_THAT(listing, Not(HasSubstr("RegClr*/")));
+  EXPECT_THAT(listing, Not(HasSubstr("RegClrDeep*/")));
+  EXPECT_THAT(listing, Not(HasSubstr("RegClrExact/")));
+}
+
+TEST(TraceRegistry, ClearOfUnsetNameUnderWildcardLeavesALiveHandlerButNoSetting) {
+  Platform::setupTarvoDebug("RegCover*/13");
+  Platform::clearTarvoDebug("RegCoverName/1");
+  const std::string listing = registryListing();
+  EXPECT_THAT(section(listing, "Handlers:", ""), HasSubstr("    RegCoverName/3\n"));
+  EXPECT_THAT(section(listing, "Specific:", "Wildcard:"), Not(HasSubstr("RegCoverName")));
+  // No exact setting was recorded: a new handler still starts from the wildcard.
+  EXPECT_EQ(handler("RegCoverName")->levelMask(), bits({1, 3}));
+}
+
+TEST(TraceRegistry, GetWithWildcardWarnsAndUsesTheBareName) {
+  testing::internal::CaptureStderr();
+  HandlerPtr h = handler("RegWild*");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "Tarvo::Debug - Warning - Wild card specifier ignored getting handler for RegWild* "
+            "using RegWild\n");
+  EXPECT_EQ(h->name(), "RegWild");
+}
+
+TEST(TraceRegistry, EnabledIsSetsAnyBitButRefusesAnExternalWord) {
+  HandlerPtr h = handler("RegEnabled");
+  h->enabledIs(12, true);
+  h->enabledIs(3, true);
+  h->enabledIs(3, false);
+  EXPECT_EQ(h->levelMask(), bits({12}));
+  EXPECT_THAT(registryListing(), HasSubstr("    RegEnabled/12\n"));
+
+  std::atomic<uint32_t> shared{bits({4})};
+  std::unique_ptr<Zel::DebugHandler> external;
+  {
+    Platform::LocoGuard guard;
+    external = std::make_unique<Zel::DebugHandler>("RegExternal", 0, false, &shared);
+  }
+  EXPECT_TRUE(external->enabled(4));
+  try {
+    external->enabledIs(1, true);
+    FAIL() << "enabledIs on an external word must throw";
+  } catch (const AssertException& e) {
+    EXPECT_THAT(e.message(),
+                HasSubstr("Cannot use this with a non-null levelsPtr passed to constructor"));
+  }
+  Platform::LocoGuard guard;
+  external.reset();
+}
+
+TEST(TraceRegistry, ThousandsOfEntriesApplyInOrder) {
+  std::string spec;
+  for (int i = 0; i < 3000; ++i) {
+    spec += "RegMany" + std::to_string(i) + (i % 2 ? "*/" : "/") + std::to_string(i % 10) + ",";
+  }
+  Platform::setupTarvoDebug(spec.c_str());
+  // The exact setting RegMany2998 started from the prefix RegMany299* (level 9, itself
+  // started from RegMany29*) and added its own level 8.
+  EXPECT_EQ(handler("RegMany2998")->levelMask(), bits({8, 9}));
+  EXPECT_EQ(handler("RegMany2999x")->levelMask(), bits({9}));
+  EXPECT_EQ(handler("RegMany1000")->levelMask(), bits({0, 1}));
+}
+
+TEST(TraceRegistry, LazyMessageIsNotEvaluatedWhenLevelIsOff) {
+  HandlerPtr h = handler("RegLazy");
+  int evaluated = 0;
+  auto sideEffect = [&] { return ++evaluated; };
+  TARVO_TRACE(h.get(), 4, "value " << sideEffect());
+  EXPECT_EQ(evaluated, 0);
+  Platform::clearTraceFormat();
+  h->enabledIs(4, true);
+  testing::internal::CaptureStderr();
+  TARVO_TRACE(*h, 4, "value " << sideEffect());
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "value 1\n");
+  Platform::setTraceFormat("date,time,tid,handle,level");
+}
+
+TEST(TraceRegistryDeathTest, RegistryOperationsWithoutTheLockAbort) {
+  EXPECT_DEATH(Zel::DebugControl::findWildcard("x"), "DebugControl::findWildcard\\(\\) no loco");
+  EXPECT_DEATH(Zel::DebugControl::initialize(), "DebugControl::initialize\\(\\) no loco");
+  EXPECT_DEATH(Zel::DebugControl("x", 0, false), "DebugControl::DebugControl\\(\\) no loco");
+  EXPECT_DEATH(Zel::DebugHandler("x", 0, false), "DebugHandler::DebugHandler\\(\\) no loco");
+}
+
+TEST(TraceRegistry, StarStarTurnsOnEveryLevelOfEveryHandler) {
+  auto result = Tarvo::Test::runInChild([] {
+    HandlerPtr before = handler("RegStarBefore");
+    Platform::setupTarvoDebug("*/*");
+    HandlerPtr after = handler("RegStarAfter");
+    return before->levelMask() == 0x3ff && after->levelMask() == 0x3ff ? 0 : 1;
+  });
+  EXPECT_EQ(result.exitCode, 0) << result.err;
+}
+
+TEST(TraceRegistry, ClearingTheLibraryDefaultRemovesItsSetting) {
+  auto result = Tarvo::Test::runInChild([] {
+    HandlerPtr h = handler("TarvoClearDefault");
+    Platform::clearTarvoDebug("Tarvo*/01");
+    const bool ok = h->levelMask() == 0 && handler("TarvoLater")->levelMask() == 0 &&
+                    registryListing().find("Tarvo*/") == std::string::npos;
+    return ok ? 0 : 1;
+  });
+  EXPECT_EQ(result.exitCode, 0) << result.out << result.err;
+}
+
+TEST(TraceRegistry, TraceFromEnvironmentAddsToTheLibraryDefault) {
+  if (Tarvo::Test::isChildRun()) {
+    EXPECT_EQ(handler("TarvoEnvProbe")->levelMask(), bits({0, 1, 5}));
+    EXPECT_EQ(handler("EnvFoo")->levelMask(), bits({2, 3}));
+    EXPECT_EQ(handler("EnvOther")->levelMask(), 0u);
+    return;
+  }
+  auto result = Tarvo::Test::runSelf("TraceRegistry.TraceFromEnvironmentAddsToTheLibraryDefault",
+                              {"TRACE=Tarvo*/5,EnvFoo/2,EnvFoo/3"});
+  EXPECT_EQ(result.exitCode, 0) << result.out << result.err;
+}

@@ -1,0 +1,109 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+
+#include "Tarvo/Debug.h"
+#include "Tarvo/Exception.h"
+#include "common/TestSupport.h"
+
+using namespace Tarvo;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+namespace {
+
+template <class E>
+std::string thrownName(void (*raise)(const std::string&)) {
+  try {
+    raise("m");
+  } catch (const E& e) {
+    return dynamic_cast<const Exception&>(e).name();
+  }
+  return "not thrown";
+}
+
+// Recurses `depth` frames, then captures a backtrace. noinline keeps every level a frame.
+__attribute__((noinline)) unsigned captureAtDepth(int depth) {
+  if (depth > 0) {
+    unsigned frames = captureAtDepth(depth - 1);
+    asm volatile("" ::: "memory");  // keeps the call from becoming a tail call
+    return frames;
+  }
+  return Backtrace(true).count();
+}
+
+}  // namespace
+
+TEST(Exception, WhatCarriesNameMessageAndBacktrace) {
+  try {
+    RuntimeException::throwException("");
+  } catch (const Exception& e) {
+    EXPECT_THAT(e.what(), StartsWith("Tarvo::RuntimeException\nBacktrace:\n"));
+    // Symbols of the library are found and demangled.
+    EXPECT_THAT(e.what(), HasSubstr("Tarvo::RuntimeException::throwException("));
+    EXPECT_GT(e.backtrace().count(), 1u);
+  }
+  try {
+    AssertException::throwException("boom");
+  } catch (const Exception& e) {
+    EXPECT_THAT(e.what(), StartsWith("Tarvo::AssertException(\"boom\")\nBacktrace:\n"));
+    EXPECT_EQ(e.what(), e.what()) << "the text is built once and cached";
+  }
+}
+
+TEST(Exception, EveryClassNamesItselfAndKeepsItsBase) {
+  EXPECT_EQ(thrownName<Exception>(&Exception::throwException), "Tarvo::Exception");
+  EXPECT_EQ(thrownName<Exception>(&AssertException::throwException), "Tarvo::AssertException");
+  EXPECT_EQ(thrownName<Exception>(&MemoryResourceException::throwException),
+            "Tarvo::MemoryResourceException");
+  EXPECT_EQ(thrownName<Exception>(&NoPermissionException::throwException),
+            "Tarvo::NoPermissionException");
+  EXPECT_EQ(thrownName<Exception>(&UnimplementedException::throwException),
+            "Tarvo::UnimplementedException");
+  EXPECT_EQ(thrownName<Exception>(&InvalidInitializeException::throwException),
+            "Tarvo::InvalidInitializeException");
+  EXPECT_EQ(thrownName<std::exception>(&RuntimeException::throwException),
+            "Tarvo::RuntimeException");
+  EXPECT_EQ(thrownName<Exception>(&OutOfRangeException::throwException),
+            "Tarvo::OutOfRangeException");
+  EXPECT_EQ(thrownName<Exception>(&CorruptionDetectedException::throwException),
+            "Tarvo::CorruptionDetectedException");
+  EXPECT_EQ(thrownName<CorruptionDetectedException>(&InvalidSizeException::throwException),
+            "Tarvo::InvalidSizeException");
+}
+
+TEST(Exception, BacktraceStopsAtOneHundredFrames) {
+  EXPECT_EQ(captureAtDepth(150), Backtrace::kMaxFrames);
+  const unsigned shallow = captureAtDepth(0);
+  EXPECT_EQ(captureAtDepth(10), shallow + 10);
+  EXPECT_EQ(Backtrace(false).pretty(), "No backtrace available\n");
+  void* frames[4];
+  EXPECT_EQ(Backtrace::unwind(frames, 0), 0u);
+}
+
+TEST(Exception, AssertionComposesLocationAndTracesWhenEnabled) {
+  Platform::DebugStream message;
+  message << "bad value " << 7;
+  try {
+    debugAndThrowAssertException(nullptr, 0, message, nullptr, "fn", 12);
+  } catch (const AssertException& e) {
+    EXPECT_EQ(e.message(), ":fn:12: bad value 7");
+  }
+
+  Platform::DebugHandler* h = Platform::getDebugHandler("TarvoAssertProbe");
+  Platform::clearTraceFormat();
+  testing::internal::CaptureStderr();
+  EXPECT_THROW(debugAndThrowAssertException(*h, 1, message, "File", "fn", 3), AssertException);
+  EXPECT_THROW(debugAndThrowAssertException(*h, 6, message, "File", "fn", 4), AssertException);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "File:fn:3: bad value 7\n");
+  Platform::setTraceFormat("date,time,tid,handle,level");
+  Platform::destroyDebugHandler(h);
+}
+
+TEST(ExceptionDeathTest, FatalChecksNameTheirPlaceAndAbort) {
+  EXPECT_DEATH(check(false, "the list is corrupt"),
+               "ExceptionTest.cpp:.*TestBody.*:[0-9]+: the list is corrupt");
+  check(true, "never printed");
+}
