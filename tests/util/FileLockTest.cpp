@@ -1,95 +1,54 @@
 #include "Tarvo/FileLock.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <climits>
 #include <optional>
 
-#include "Tarvo/DirNode.h"
-#include "Tarvo/Exception.h"
-#include "common/TestSupport.h"
-#include "util/TraceRecorder.h"
-#include "util/WaitingChild.h"
+#include "util/SystemTestSupport.h"
 
 namespace Tarvo {
 namespace {
 
-using Test::TempDir;
+using Test::assertMessage;
 using Test::TraceRecorder;
-using Test::WaitingChild;
 
-std::string assertMessage(const std::function<void()>& body) {
-  try {
-    body();
-  } catch (const AssertException& e) {
-    return e.message();
-  }
-  return "no exception";
-}
-
-bool contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
-// The descriptor flags of this process's descriptor on `path`; -1 when it has none.
-int descriptorFlagsFor(const std::string& path) {
-  TraceRecorder quiet(0);
-  DirNode fds(quiet, "/proc/self/fd");
-  while (struct dirent* entry = fds.readEntry()) {
-    char target[PATH_MAX] = {};
-    std::string link = std::string("/proc/self/fd/") + entry->d_name;
-    if (::readlink(link.c_str(), target, sizeof target - 1) > 0 && path == target) {
-      return ::fcntl(std::stoi(entry->d_name), F_GETFD);
-    }
-  }
-  return -1;
-}
-
-TEST(FileLockTest, LockFilePathJoinsDirectoryAndNameWithoutTouchingTheDisk) {
+TEST(FileLockTest, LockFilePathIsBuiltWithoutTouchingTheDisk) {
   TraceRecorder trace;
   EXPECT_EQ(FileLock(trace, "", "x.lock").file(), "x.lock");
   EXPECT_EQ(FileLock(trace, "/nonexistent/a/", "x").file(), "/nonexistent/a//x");
-  EXPECT_EQ(::access("/nonexistent", F_OK), -1);
-
+  EXPECT_NE(::access("/nonexistent", F_OK), 0);
   std::string message = assertMessage([&] { FileLock(trace, "/tmp", "a/b"); });
-  EXPECT_TRUE(contains(message, "FileLock:FileLock:")) << message;
-  EXPECT_TRUE(contains(message, "Tarvo::FileLock::FileLock() unexpected '/' in filename: a/b"))
-      << message;
+  EXPECT_TRUE(message.starts_with("FileLock:FileLock:")) << message;
+  EXPECT_TRUE(message.ends_with("Tarvo::FileLock::FileLock() unexpected '/' in filename: a/b"));
 }
 
-TEST(FileLockTest, SecondLockOnTheSamePathInOneProcessWaitsForRelease) {
-  TempDir dir;
+TEST(FileLockTest, SecondLockInOneProcessIsRefusedUntilRelease) {
+  Tarvo::Test::TempDir dir;
   TraceRecorder trace;
   mode_t oldMask = ::umask(022);
-  int fdsBefore = Tarvo::Test::openFdCount();
+  int fdsBefore = Tarvo::Test::settledFdCount();
   std::string lockDir = dir.file("x/y");
   {
     FileLock first(trace, lockDir, "role.lock");
     FileLock second(trace, lockDir, "role.lock");
+    int lowestFree = ::dup(0);
+    ::close(lowestFree);
     ASSERT_TRUE(first.lock());
-    EXPECT_TRUE(trace.has(5, "FileLock::lock() acquired lock on file:" + first.file()));
+    EXPECT_EQ(::fcntl(lowestFree, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);  // the lock's descriptor
     struct stat st;
     ASSERT_EQ(::stat(first.file().c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0644u);
-    EXPECT_NE(descriptorFlagsFor(first.file()) & FD_CLOEXEC, 0);
 
     EXPECT_FALSE(second.lock());
     EXPECT_TRUE(
         trace.has(1, "FileLock::lock() error: conflicting lock held on file:" + second.file()));
-    // Locking again while held opens a second descriptor, which conflicts too.
-    EXPECT_FALSE(first.lock());
-
+    EXPECT_FALSE(first.lock());  // a second descriptor of the holder conflicts too
     first.release();
-    EXPECT_EQ(first.file(), lockDir + "/role.lock");
     EXPECT_EQ(::access(first.file().c_str(), F_OK), 0);
     EXPECT_TRUE(second.lock());
-    EXPECT_FALSE(first.lock());
   }
-  // The destructor released `second`.
-  FileLock third(trace, lockDir, "role.lock");
+  FileLock third(trace, lockDir, "role.lock");  // the destructor released `second`
   EXPECT_TRUE(third.lock());
   third.release();
   EXPECT_EQ(Tarvo::Test::openFdCount(), fdsBefore);
@@ -97,68 +56,54 @@ TEST(FileLockTest, SecondLockOnTheSamePathInOneProcessWaitsForRelease) {
 }
 
 TEST(FileLockTest, LockExcludesOtherProcessesUntilTheHolderLetsGo) {
-  TempDir dir;
+  Tarvo::Test::TempDir dir;
   TraceRecorder trace;
-  auto tryInChild = [&] {
-    return Tarvo::Test::runInChild([&] {
-      FileLock other(trace, dir.path(), "role.lock");
-      return other.lock() ? 0 : 1;
-    });
+  auto lockInChild = [&] {
+    return Tarvo::Test::runInChild([&] { return FileLock(trace, dir.path(), "role.lock").lock(); });
   };
-
-  {
-    FileLock mine(trace, dir.path(), "role.lock");
-    ASSERT_TRUE(mine.lock());
-    EXPECT_EQ(tryInChild().exitCode, 1);
-    mine.release();
-    EXPECT_EQ(tryInChild().exitCode, 0);
-  }
+  FileLock mine(trace, dir.path(), "role.lock");
+  ASSERT_TRUE(mine.lock());
+  EXPECT_EQ(lockInChild().exitCode, 0);
+  mine.release();
+  EXPECT_EQ(lockInChild().exitCode, 1);
 
   // A holder that exits without releasing drops the lock with its descriptor.
   std::optional<FileLock> held;
-  WaitingChild holder([&] {
-    held.emplace(trace, dir.path(), "role.lock");
-    return held->lock();
-  });
+  Tarvo::Test::WaitingChild holder(
+      [&] { return held.emplace(trace, dir.path(), "role.lock").lock(); });
   ASSERT_TRUE(holder.setupOk());
-  FileLock mine(trace, dir.path(), "role.lock");
   EXPECT_FALSE(mine.lock());
   holder.release();
   EXPECT_TRUE(mine.lock());
 }
 
 TEST(FileLockTest, ReleaseRefusesWhenNotHeldOrFromAForkedChild) {
-  TempDir dir;
+  Tarvo::Test::TempDir dir;
   TraceRecorder trace;
-  int fdsBefore = Tarvo::Test::openFdCount();
+  int fdsBefore = Tarvo::Test::settledFdCount();
   std::optional<FileLock> lock;
   lock.emplace(trace, dir.path(), "role.lock");
   std::string notHeld =
       "FileLock::release() attempting to release a lock that is not currently held. File:" +
       lock->file();
-
-  EXPECT_TRUE(contains(assertMessage([&] { lock->release(); }), notHeld));
   ASSERT_TRUE(lock->lock());
   lock->release();
   std::string message = assertMessage([&] { lock->release(); });
-  EXPECT_TRUE(contains(message, "FileLock:release:")) << message;
-  EXPECT_TRUE(contains(message, notHeld)) << message;
+  EXPECT_TRUE(message.starts_with("FileLock:release:")) << message;
+  EXPECT_TRUE(message.ends_with(notHeld)) << message;
 
   ASSERT_TRUE(lock->lock());
-  std::string parent = std::to_string(::getpid());
+  std::string expected = "FileLock::release() called from child process:";
+  std::string owner = " of owner pid:" + std::to_string(::getpid());
   Tarvo::Test::ChildResult child = Tarvo::Test::runInChild([&] {
-    std::string refused = assertMessage([&] { lock->release(); });
-    std::string expected =
-        "FileLock::release() called from child process:" + std::to_string(::getpid()) +
-        " of owner pid:" + parent;
-    return contains(refused, expected) ? 0 : 1;
+    return assertMessage([&] { lock->release(); })
+        .ends_with(expected + std::to_string(::getpid()) + owner);
   });
-  EXPECT_EQ(child.exitCode, 0);
-  // A child that destroys its copy of the held lock closes only its own descriptor.
+  EXPECT_EQ(child.exitCode, 1);
+  // A child destroying its copy of the lock closes its own descriptor only.
   child = Tarvo::Test::runInChild([&] {
     lock.reset();
-    FileLock probe(trace, dir.path(), "role.lock");
-    return probe.lock() ? 1 : 0;
+    return FileLock(trace, dir.path(), "role.lock").lock();
   });
   EXPECT_EQ(child.exitCode, 0) << child.err;
   FileLock probe(trace, dir.path(), "role.lock");
@@ -167,8 +112,7 @@ TEST(FileLockTest, ReleaseRefusesWhenNotHeldOrFromAForkedChild) {
   // closeFd drops the lock without an unlock; release then finds nothing held.
   lock->closeFd();
   lock->closeFd();
-  EXPECT_TRUE(trace.has(5, "FileLock::closeFd() no active fd: nothing to do"));
-  EXPECT_TRUE(contains(assertMessage([&] { lock->release(); }), notHeld));
+  EXPECT_TRUE(assertMessage([&] { lock->release(); }).ends_with(notHeld));
   EXPECT_TRUE(probe.lock());
   probe.release();
   lock.reset();
@@ -176,23 +120,20 @@ TEST(FileLockTest, ReleaseRefusesWhenNotHeldOrFromAForkedChild) {
 }
 
 TEST(FileLockTest, UnusableLockPathsAnswerFalseOrThrow) {
-  TempDir dir;
+  Tarvo::Test::TempDir dir;
   TraceRecorder trace;
-  int fdsBefore = Tarvo::Test::openFdCount();
-
+  int fdsBefore = Tarvo::Test::settledFdCount();
   ASSERT_EQ(::mkdir(dir.file("taken.lock").c_str(), 0700), 0);
-  FileLock isDirectory(trace, dir.path(), "taken.lock");
-  EXPECT_FALSE(isDirectory.lock());
+  EXPECT_FALSE(FileLock(trace, dir.path(), "taken.lock").lock());
   EXPECT_TRUE(trace.has(1, "FileLock::lock() error: could not open lock file:" +
                                dir.file("taken.lock") + " Is a directory"));
 
   ASSERT_EQ(::close(::open(dir.file("plain").c_str(), O_CREAT | O_WRONLY, 0600)), 0);
   FileLock underFile(trace, dir.file("plain/sub"), "x.lock");
   std::string message = assertMessage([&] { underFile.lock(); });
-  EXPECT_TRUE(contains(message, "FileLock:lock:")) << message;
-  EXPECT_TRUE(contains(message, "FileLock::lock() unexpected mkpath() error " +
-                                    dir.file("plain/sub") + ": Not a directory"))
-      << message;
+  EXPECT_TRUE(message.starts_with("FileLock:lock:")) << message;
+  EXPECT_TRUE(message.ends_with("FileLock::lock() unexpected mkpath() error " +
+                                dir.file("plain/sub") + ": Not a directory"));
   EXPECT_EQ(Tarvo::Test::openFdCount(), fdsBefore);
 }
 
