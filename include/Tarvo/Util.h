@@ -1,0 +1,8 @@
+// The Tarvo::Util utilities: files, paths and directories; questions about processes
+// answered from /proc. Include this header for all of them, or the sub-header of one area.
+// File locks and lock guards have their own headers, Tarvo/FileLock.h and Tarvo/Locking.h;
+// the directory handle is Tarvo/DirNode.h.
+#pragma once
+
+#include "Tarvo/UtilFiles.h"
+#include "Tarvo/UtilProc.h"
