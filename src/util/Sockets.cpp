@@ -13,7 +13,7 @@
 #include "Tarvo/DisplayPointer.h"
 #include "Tarvo/Exception.h"
 #include "Tarvo/UtilNet.h"
-#include "util/UtilNetTrace.h"
+#include "util/UtilTrace.h"
 
 namespace Tarvo::Util {
 namespace {

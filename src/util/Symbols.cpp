@@ -9,7 +9,7 @@
 #include "Tarvo/Exception.h"
 #include "Tarvo/Mappings.h"
 #include "Tarvo/UtilNet.h"
-#include "util/UtilNetTrace.h"
+#include "util/UtilTrace.h"
 
 namespace Tarvo {
 namespace Util {

@@ -10,4 +10,9 @@ namespace Tarvo::Util::Impl {
 // including from static initialisers and destructors.
 Platform::DebugHandler& utilTrace();
 
+// The handler a utility traces on: the caller's when given, "TarvoUtil" otherwise.
+inline Platform::DebugHandler& traceHandler(Platform::DebugHandler* h) {
+  return h != nullptr ? *h : utilTrace();
+}
+
 }  // namespace Tarvo::Util::Impl
