@@ -142,6 +142,9 @@ class LibeventTimerControl : public Platform::TimerControl {
 
   Platform::TimeoutHandler* handler_;
   std::unique_ptr<event, EventFree> timer_;
+  // Added to the base and not yet delivered (pending or due): only then is there anything
+  // for delTimeout() to delete.
+  bool armed_ = false;
 };
 
 // A requested callback is a zero-delay timer whose expiry calls this control's own

@@ -16,10 +16,16 @@ namespace {
 
 const char* const kSource = "LibeventFactory";
 
+// This file's view of the "TarvoLibevent" handler: a guard test instead of a call on the
+// timer paths.
+Platform::DebugHandler* trace() {
+  static Platform::DebugHandler* const handler = leDebugHandler();
+  return handler;
+}
+
 void requireHandler(const void* handler, const char* function, int line) {
   if (handler == nullptr) {
-    debugAndThrowAssertException(leDebugHandler(), 0, "a control needs a handler", kSource,
-                                 function, line);
+    debugAndThrowAssertException(trace(), 0, "a control needs a handler", kSource, function, line);
   }
 }
 
@@ -177,22 +183,21 @@ void LibeventTimerControl::setTimeout(double seconds) {
   timeval delay;
   bool finite = leSplitSeconds(seconds, &delay);
   delTimeout();
-  TARVO_TRACE(leDebugHandler(), 9,
-              "Timer " << static_cast<const void*>(this) << " set timeout " << seconds);
-  if (!finite) {
-    return;
+  TARVO_TRACE(trace(), 9, "Timer " << static_cast<const void*>(this) << " set timeout " << seconds);
+  // The event was assigned to the thread's base at construction, and that base outlives
+  // every control of the thread, so it is simply added again.
+  if (finite) {
+    addEvent(timer_.get(), &delay);
+    armed_ = true;
   }
-  // Assigned once at construction; again only if the thread's base has been replaced.
-  event_base* base = leBaseOrInit();
-  if (event_get_base(timer_.get()) != base) [[unlikely]] {
-    event_assign(timer_.get(), base, -1, 0, handleTimeout, this);
-  }
-  addEvent(timer_.get(), &delay);
 }
 
 void LibeventTimerControl::delTimeout() {
-  TARVO_TRACE(leDebugHandler(), 9, "Timer " << static_cast<const void*>(this) << " del timeout");
-  event_del(timer_.get());
+  TARVO_TRACE(trace(), 9, "Timer " << static_cast<const void*>(this) << " del timeout");
+  if (armed_) {
+    event_del(timer_.get());
+    armed_ = false;
+  }
 }
 
 bool LibeventTimerControl::timerPending() const {
@@ -216,21 +221,24 @@ double LibeventTimerControl::remainingTimeout() const {
 
 void LibeventTimerControl::handler() {
   Platform::TimeoutHandler* handler = handler_;
-  TARVO_TRACE(leDebugHandler(), 9, "Timer " << static_cast<const void*>(this) << " expired");
+  TARVO_TRACE(trace(), 9, "Timer " << static_cast<const void*>(this) << " expired");
   try {
     handler->timeout();
   } catch (...) {
     if (!handler->handleTimeoutException()) {
       throw;
     }
-    TARVO_TRACE(leDebugHandler(), 9,
+    TARVO_TRACE(trace(), 9,
                 "LibeventTimerControl::handler: Timeout notification exception was handled");
   }
 }
 
 void LibeventTimerControl::handleTimeout(int, short, void* control) {
+  auto* self = static_cast<LibeventTimerControl*>(control);
+  // libevent has already taken the one-shot event out of the base.
+  self->armed_ = false;
   try {
-    static_cast<LibeventTimerControl*>(control)->handler();
+    self->handler();
   } catch (...) {
     leParkException(std::current_exception());
   }
@@ -244,12 +252,12 @@ LibeventCallbackControl::LibeventCallbackControl(Platform::CallbackHandler* hand
 }
 
 void LibeventCallbackControl::requestCallback() {
-  TARVO_TRACE(leDebugHandler(), 9, "Callback " << static_cast<const void*>(this) << " request");
+  TARVO_TRACE(trace(), 9, "Callback " << static_cast<const void*>(this) << " request");
   LibeventTimerControl::setTimeout(0);
 }
 
 void LibeventCallbackControl::cancelCallback() {
-  TARVO_TRACE(leDebugHandler(), 9, "Callback " << static_cast<const void*>(this) << " cancel");
+  TARVO_TRACE(trace(), 9, "Callback " << static_cast<const void*>(this) << " cancel");
   LibeventTimerControl::delTimeout();
 }
 
@@ -259,14 +267,14 @@ bool LibeventCallbackControl::pendingCallback() const {
 
 void LibeventCallbackControl::timeout() {
   Platform::CallbackHandler* handler = handler_;
-  TARVO_TRACE(leDebugHandler(), 9, "Callback " << static_cast<const void*>(this) << " execute");
+  TARVO_TRACE(trace(), 9, "Callback " << static_cast<const void*>(this) << " execute");
   try {
     handler->callback();
   } catch (...) {
     if (!handler->handleCallbackException()) {
       throw;
     }
-    TARVO_TRACE(leDebugHandler(), 9,
+    TARVO_TRACE(trace(), 9,
                 "LibeventCallbackControl::timeout: Callback notification exception was handled");
   }
 }

@@ -138,6 +138,11 @@ void installCallbacks() {
 
 }  // namespace
 
+Platform::DebugHandler* leDebugHandler() {
+  static Platform::DebugHandler* const handler = Platform::getDebugHandler("TarvoLibevent");
+  return handler;
+}
+
 void leInit() {
   if (threadBase != nullptr) {
     return;
