@@ -3,9 +3,9 @@
 //
 // Each thread that uses the layer owns one libevent event base, created on first need (by
 // leInit(), a control's construction or a loop call) or adopted with leRegisterBase(). Only
-// that thread may use it. A base created by leInit() on a thread other than the main thread
-// is freed when the thread exits; the main thread's base lives until leFree() or process
-// end, so controls held by static objects can still be destroyed safely.
+// that thread may use it. A base created by leInit() is freed when its thread exits, or, if
+// controls of the thread are still alive then (held by thread-local or static objects),
+// when the last of them is destroyed. A registered base stays the caller's to free.
 //
 // All trace lines of this layer go to the "TarvoLibevent" trace handler.
 #pragma once
@@ -31,7 +31,8 @@ void leInit();
 // leFree(). Registering the base already held is accepted. A second, different base on the
 // same thread throws AssertException and the first one stays.
 void leRegisterBase(event_base* base);
-// Frees the thread's base, if any. Every control of the thread must be gone by then.
+// Frees the thread's base, if any (a registered one too). Throws AssertException, freeing
+// nothing, while controls of the thread still use it.
 void leFree();
 // Whether the calling thread holds a base.
 bool leInitialized();
@@ -76,12 +77,23 @@ bool leFastForward();
 bool fastForwardDelayToFirstTimer(timeval* delay);
 
 // ---- The controls ----
+
+namespace Impl {
+// Counts the calling thread's live controls, so that the thread's base outlives them. A base
+// class of every libevent control: constructed before and destroyed after its events.
+class LeControlCount {
+ protected:
+  LeControlCount();
+  ~LeControlCount();
+};
+}  // namespace Impl
+
 //
 // Each is bound to the base of the thread that created it and follows the contracts of its
 // Platform interface, including the exception contract. Trace lines at level 9 start with
 // "Timer <address>" / "Callback <address>".
 
-class LibeventFdControl : public Platform::FdControl {
+class LibeventFdControl : public Platform::FdControl, private Impl::LeControlCount {
  public:
   explicit LibeventFdControl(Platform::FdEventHandler* handler);
   ~LibeventFdControl() override;
@@ -115,7 +127,7 @@ class LibeventFdControl : public Platform::FdControl {
   EventPtr writeEvent_;
 };
 
-class LibeventTimerControl : public Platform::TimerControl {
+class LibeventTimerControl : public Platform::TimerControl, private Impl::LeControlCount {
  public:
   explicit LibeventTimerControl(Platform::TimeoutHandler* handler);
   ~LibeventTimerControl() override;

@@ -18,22 +18,32 @@
 namespace Tarvo {
 namespace {
 
-// Kept trivially destructible so that the hot paths read it without a TLS init check.
+// Trivially destructible, so that they stay readable while the thread's other thread-local
+// objects are destroyed.
 thread_local event_base* threadBase = nullptr;
+thread_local bool threadBaseOwned = false;  // created by leInit(), not registered
+thread_local unsigned liveControls = 0;
+thread_local bool threadExiting = false;
 
-// Frees a base that leInit() created on a thread other than the main thread when that thread
-// exits. The main thread's base is left to the process's end, because static objects that
-// hold controls may still be destroyed after this object.
-struct OwnedBase {
-  event_base* base = nullptr;
-  ~OwnedBase() {
-    if (base != nullptr && base == threadBase && !Platform::isMainThread()) {
-      event_base_free(base);
-      threadBase = nullptr;
+void freeOwnedBase() {
+  if (threadBase != nullptr && threadBaseOwned) {
+    event_base_free(threadBase);
+  }
+  threadBase = nullptr;
+  threadBaseOwned = false;
+}
+
+// Frees the base leInit() created when the thread exits, or, if controls are still alive
+// then (held by other thread-local or static objects), when the last of them goes.
+struct ThreadExit {
+  ~ThreadExit() {
+    threadExiting = true;
+    if (liveControls == 0) {
+      freeOwnedBase();
     }
   }
 };
-thread_local OwnedBase ownedBase;
+thread_local ThreadExit threadExit;
 
 thread_local std::exception_ptr parkedException;
 thread_local unsigned loopDepth = 0;
@@ -153,7 +163,8 @@ void leInit() {
     RuntimeException::throwException("event_base_new failed");
   }
   threadBase = base;
-  ownedBase.base = base;
+  threadBaseOwned = true;
+  (void)&threadExit;  // constructs it, so that it runs at thread exit
   Platform::setMainThread();
 }
 
@@ -176,6 +187,7 @@ void leRegisterBase(event_base* base) {
     debugAndThrowAssertException(leDebugHandler(), 0, message, kSource, __func__, __LINE__);
   }
   threadBase = base;
+  threadBaseOwned = false;
   Platform::setMainThread();
 }
 
@@ -183,12 +195,29 @@ void leFree() {
   if (threadBase == nullptr) {
     return;
   }
-  if (ownedBase.base == threadBase) {
-    ownedBase.base = nullptr;
+  if (liveControls != 0) {
+    Platform::DebugStream message;
+    message << "leFree with " << liveControls << " controls still using the base";
+    debugAndThrowAssertException(leDebugHandler(), 0, message, kSource, __func__, __LINE__);
   }
   event_base_free(threadBase);
   threadBase = nullptr;
+  threadBaseOwned = false;
 }
+
+namespace Impl {
+
+LeControlCount::LeControlCount() {
+  ++liveControls;
+}
+
+LeControlCount::~LeControlCount() {
+  if (--liveControls == 0 && threadExiting) {
+    freeOwnedBase();
+  }
+}
+
+}  // namespace Impl
 
 bool leInitialized() {
   return threadBase != nullptr;

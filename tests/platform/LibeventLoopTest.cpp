@@ -55,6 +55,48 @@ TEST(LibeventBase, InitRegisterAndFreeKeepOneBasePerThread) {
   EXPECT_TRUE(leInitialized());
 }
 
+TEST(LibeventBase, BaseIsNotFreedUnderALiveControl) {
+  TimerRecorder timer;
+  auto control = Platform::getTimerControl(&timer);
+  EXPECT_THROW(leFree(), AssertException);
+  EXPECT_TRUE(leInitialized());
+  control->setTimeout(0);
+  Platform::doEventLoop();
+  EXPECT_EQ(timer.fired, 1);
+}
+
+// A control kept in a thread-local object that was constructed before the thread's base is
+// destroyed after the base's own exit hook has run; the base must wait for it.
+struct ThreadHeldTimer {
+  std::shared_ptr<Platform::TimerControl> control;
+  bool* baseAliveAtRelease = nullptr;
+  ~ThreadHeldTimer() {
+    if (baseAliveAtRelease != nullptr) {
+      *baseAliveAtRelease = leInitialized();
+    }
+  }
+};
+
+TEST(LibeventBase, ThreadExitFreesTheBaseAfterItsLastControl) {
+  leInit();
+  const int fdsBefore = openFdCount();
+  TimerRecorder timer;
+  bool baseAliveAtRelease = false;
+  std::thread([&] {
+    static thread_local ThreadHeldTimer held;
+    held.baseAliveAtRelease = &baseAliveAtRelease;
+    held.control = Platform::getTimerControl(&timer);
+    held.control->setTimeout(30);
+    EXPECT_GT(openFdCount(), fdsBefore);
+  }).join();
+  EXPECT_TRUE(baseAliveAtRelease);
+  EXPECT_EQ(openFdCount(), fdsBefore);
+
+  // Without controls the base goes with the thread.
+  std::thread([] { leInit(); }).join();
+  EXPECT_EQ(openFdCount(), fdsBefore);
+}
+
 TEST(LibeventBase, EachThreadHasItsOwnBase) {
   leInit();
   event_base* mainBase = leBase();
