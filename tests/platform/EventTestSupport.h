@@ -7,120 +7,58 @@
 #include <functional>
 #include <stdexcept>
 
-#include "Tarvo/LibeventFactory.h"
 #include "Tarvo/Platform.h"
 
 namespace Tarvo::Test {
 
-// Both ends of a pipe or socket pair, closed on destruction.
-struct FdPair {
+// Both ends of a socket pair (readable after put(), writable at once), closed on destruction.
+struct Sockets {
   int fds[2] = {-1, -1};
-  static FdPair pipe() {
-    FdPair p;
-    if (::pipe(p.fds) != 0) {
-      throw std::runtime_error("pipe failed");
-    }
-    return p;
-  }
-  static FdPair socketPair() {
-    FdPair p;
-    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, p.fds) != 0) {
+  Sockets() {
+    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0) {
       throw std::runtime_error("socketpair failed");
     }
-    return p;
   }
-  FdPair() = default;
-  FdPair(FdPair&& other) noexcept : fds{other.fds[0], other.fds[1]} {
-    other.fds[0] = other.fds[1] = -1;
-  }
-  ~FdPair() {
-    for (int fd : fds) {
-      if (fd >= 0) {
-        ::close(fd);
-      }
-    }
+  ~Sockets() {
+    ::close(fds[0]);
+    ::close(fds[1]);
   }
   int in() const { return fds[0]; }
-  int out() const { return fds[1]; }
-  void put(const char* text = "x") const {
-    if (::write(fds[1], text, 1) != 1) {
-      throw std::runtime_error("write failed");
-    }
-  }
+  void put() const { (void)::write(fds[1], "x", 1); }
 };
 
-// Counts notifications and runs an optional action on each; handle*Exception answers
-// `swallow` and counts its calls.
-struct FdRecorder : Platform::FdEventHandler {
+// Implements all three handler interfaces: counts notifications and exception calls, runs
+// `action` on each notification, and answers the exception calls with `swallow`.
+struct Recorder : Platform::FdEventHandler, Platform::TimeoutHandler, Platform::CallbackHandler {
   int reads = 0;
   int writes = 0;
+  int timeouts = 0;
+  int callbacks = 0;
   int exceptions = 0;
+  int lastFd = -1;
   bool swallow = false;
-  std::function<void(int)> onRead;
-  std::function<void(int)> onWrite;
-  void readFdEvent(int fd) override {
-    ++reads;
-    if (onRead) {
-      onRead(fd);
+  std::function<void()> action;
+
+  void readFdEvent(int fd) override { note(reads, fd); }
+  void writeFdEvent(int fd) override { note(writes, fd); }
+  void timeout() override { note(timeouts, -1); }
+  void callback() override { note(callbacks, -1); }
+  bool handleFdException(int) override { return ++exceptions, swallow; }
+  bool handleTimeoutException() override { return ++exceptions, swallow; }
+  bool handleCallbackException() override { return ++exceptions, swallow; }
+
+ private:
+  void note(int& count, int fd) {
+    ++count;
+    lastFd = fd;
+    if (action) {
+      action();
     }
-  }
-  void writeFdEvent(int fd) override {
-    ++writes;
-    if (onWrite) {
-      onWrite(fd);
-    }
-  }
-  bool handleFdException(int) override {
-    ++exceptions;
-    return swallow;
   }
 };
 
-struct TimerRecorder : Platform::TimeoutHandler {
-  int fired = 0;
-  int exceptions = 0;
-  bool swallow = false;
-  std::function<void()> onTimeout;
-  void timeout() override {
-    ++fired;
-    if (onTimeout) {
-      onTimeout();
-    }
-  }
-  bool handleTimeoutException() override {
-    ++exceptions;
-    return swallow;
-  }
-};
-
-struct CallbackRecorder : Platform::CallbackHandler {
-  int calls = 0;
-  int exceptions = 0;
-  bool swallow = false;
-  std::function<void()> onCallback;
-  void callback() override {
-    ++calls;
-    if (onCallback) {
-      onCallback();
-    }
-  }
-  bool handleCallbackException() override {
-    ++exceptions;
-    return swallow;
-  }
-};
-
-// An exception type of the tests' own, so that identity can be checked.
 struct Boom : std::runtime_error {
   Boom() : std::runtime_error("boom") {}
-};
-
-// Fast-forward on for a scope (main thread only).
-struct FastForwardOn {
-  FastForwardOn() { Platform::setFastForward(true); }
-  ~FastForwardOn() { Platform::setFastForward(false); }
-  FastForwardOn(const FastForwardOn&) = delete;
-  FastForwardOn& operator=(const FastForwardOn&) = delete;
 };
 
 }  // namespace Tarvo::Test
