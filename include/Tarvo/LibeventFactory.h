@@ -7,6 +7,10 @@
 // controls of the thread are still alive then (held by thread-local or static objects),
 // when the last of them is destroyed. A registered base stays the caller's to free.
 //
+// Thread rule: everything here acts on the calling thread's own base, loop and virtual time
+// offset, except the fast-forward switch and the WAITFOR_DEFAULT value, which are
+// process-wide and safe to read from any thread.
+//
 // All trace lines of this layer go to the "TarvoLibevent" trace handler.
 #pragma once
 
@@ -29,7 +33,10 @@ namespace Tarvo {
 void leInit();
 // Adopts a base the caller created; the caller keeps ownership unless it later calls
 // leFree(). Registering the base already held is accepted. A second, different base on the
-// same thread throws AssertException and the first one stays.
+// same thread throws AssertException and the first one stays. Exceptions that handlers let
+// through come out of this library's loop calls: if the caller runs libevent's own loop on
+// the base instead, that loop stops after the notification and the exception comes out of
+// the thread's next doEventLoop().
 void leRegisterBase(event_base* base);
 // Frees the thread's base, if any (a registered one too). Throws AssertException, freeing
 // nothing, while controls of the thread still use it.
@@ -53,7 +60,7 @@ void doLeEventLoopInWaitfor(double seconds);
 // The default span for waiting on a condition, from WAITFOR_DEFAULT (seconds, a decimal
 // number, leading blanks allowed, trailing text ignored). Read on the first call only;
 // +infinity when unset or malformed (malformed is reported once on the standard error
-// stream). Callers test for infinity before passing it to a timed loop.
+// stream). Passed to a timed loop, +infinity means no limit.
 double waitForDefaultTimeout();
 
 // libevent's log callback: severities debug, message, warning and error become trace lines
@@ -77,6 +84,10 @@ bool leFastForward();
 bool fastForwardDelayToFirstTimer(timeval* delay);
 
 // ---- The controls ----
+//
+// Each is bound to the base of the thread that created it and follows the contracts of its
+// Platform interface, including the exception contract. Trace lines at level 9 start with
+// "Timer <address>" / "Callback <address>". A null handler throws AssertException.
 
 namespace Impl {
 // Counts the calling thread's live controls, so that the thread's base outlives them. A base
@@ -86,12 +97,13 @@ class LeControlCount {
   LeControlCount();
   ~LeControlCount();
 };
-}  // namespace Impl
 
-//
-// Each is bound to the base of the thread that created it and follows the contracts of its
-// Platform interface, including the exception contract. Trace lines at level 9 start with
-// "Timer <address>" / "Callback <address>".
+// A control's libevent event; freeing it deletes it from its base first.
+struct LeEventFree {
+  void operator()(event* ev) const;
+};
+using LeEventPtr = std::unique_ptr<event, LeEventFree>;
+}  // namespace Impl
 
 class LibeventFdControl : public Platform::FdControl, private Impl::LeControlCount {
  public:
@@ -109,11 +121,6 @@ class LibeventFdControl : public Platform::FdControl, private Impl::LeControlCou
   void clearEvents() override;
 
  private:
-  struct EventFree {
-    void operator()(event* ev) const;
-  };
-  using EventPtr = std::unique_ptr<event, EventFree>;
-
   static void handleFdRead(int fd, short what, void* control);
   static void handleFdWrite(int fd, short what, void* control);
   void armRead();
@@ -123,8 +130,8 @@ class LibeventFdControl : public Platform::FdControl, private Impl::LeControlCou
   int fd_ = -1;
   bool reads_ = true;
   bool writes_ = false;
-  EventPtr readEvent_;
-  EventPtr writeEvent_;
+  Impl::LeEventPtr readEvent_;
+  Impl::LeEventPtr writeEvent_;
 };
 
 class LibeventTimerControl : public Platform::TimerControl, private Impl::LeControlCount {
@@ -146,14 +153,10 @@ class LibeventTimerControl : public Platform::TimerControl, private Impl::LeCont
   bool timerPending() const;
 
  private:
-  struct EventFree {
-    void operator()(event* ev) const;
-  };
-
   static void handleTimeout(int fd, short what, void* control);
 
   Platform::TimeoutHandler* handler_;
-  std::unique_ptr<event, EventFree> timer_;
+  Impl::LeEventPtr timer_;
   // Added to the base and not yet delivered (pending or due): only then is there anything
   // for delTimeout() to delete.
   bool armed_ = false;

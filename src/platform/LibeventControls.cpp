@@ -45,11 +45,11 @@ void addEvent(event* ev, const timeval* timeout) {
 
 }  // namespace
 
-// ---- LibeventFdControl ----
-
-void LibeventFdControl::EventFree::operator()(event* ev) const {
+void Impl::LeEventFree::operator()(event* ev) const {
   event_free(ev);
 }
+
+// ---- LibeventFdControl ----
 
 LibeventFdControl::LibeventFdControl(Platform::FdEventHandler* handler) : handler_(handler) {
   requireHandler(handler, __func__, __LINE__);
@@ -167,10 +167,6 @@ void LibeventFdControl::handleFdWrite(int, short, void* control) {
 }
 
 // ---- LibeventTimerControl ----
-
-void LibeventTimerControl::EventFree::operator()(event* ev) const {
-  event_free(ev);
-}
 
 LibeventTimerControl::LibeventTimerControl(Platform::TimeoutHandler* handler) : handler_(handler) {
   requireHandler(handler, __func__, __LINE__);
