@@ -3,6 +3,7 @@
 #include <event2/event.h>
 #include <event2/event_struct.h>
 
+#include <algorithm>
 #include <vector>
 
 namespace {
@@ -31,6 +32,22 @@ int collect(const event_base*, const event* ev, void* arg) {
     static_cast<std::vector<PendingTimer>*>(arg)->push_back({const_cast<event*>(ev), expiry});
   }
   return 0;
+}
+
+// Re-arms each timer `offset` before its collected expiry, measured from `now`. The new delay
+// may be negative; libevent keeps such a timer in expiry order and treats it as due.
+int rearm(const std::vector<PendingTimer>& timers, const timeval& offset, const timeval& now) {
+  int result = 0;
+  for (const PendingTimer& timer : timers) {
+    timeval expiry;
+    timeval delay;
+    timersub(&timer.expiry, &offset, &expiry);
+    timersub(&expiry, &now, &delay);
+    if (event_add(timer.ev, &delay) != 0) {
+      result = -1;
+    }
+  }
+  return result;
 }
 
 }  // namespace
@@ -66,23 +83,26 @@ int event_base_timeout_subtract_offset(event_base* base, const timeval* offset) 
   if (timers.empty()) {
     return 0;
   }
-  timeval now;
-  if (tarvo_event_base_now(base, &now) != 0) {
+  timeval before;
+  timeval after;
+  if (tarvo_event_base_now(base, &before) != 0 || rearm(timers, *offset, before) != 0 ||
+      tarvo_event_base_now(base, &after) != 0) {
     return -1;
   }
-  int result = 0;
-  for (const PendingTimer& timer : timers) {
-    // The new delay may be negative; libevent keeps such a timer in expiry order and treats
-    // it as due.
-    timeval expiry;
-    timeval delay;
-    timersub(&timer.expiry, offset, &expiry);
-    timersub(&expiry, &now, &delay);
-    if (event_add(timer.ev, &delay) != 0) {
-      result = -1;
-    }
+  if (timercmp(&before, &after, ==)) {
+    return 0;
   }
-  return result;
+  // The clock moved while the timers were re-armed (outside the loop every event_add reads
+  // it afresh), so a timer re-armed later landed later than computed and may have passed
+  // one that expires just after it. Re-armed in expiry order, that drift can only grow with
+  // the expiry, which keeps the order.
+  std::sort(timers.begin(), timers.end(), [](const PendingTimer& a, const PendingTimer& b) {
+    return timercmp(&a.expiry, &b.expiry, <);
+  });
+  if (tarvo_event_base_now(base, &before) != 0) {
+    return -1;
+  }
+  return rearm(timers, *offset, before);
 }
 
 }  // extern "C"

@@ -2,6 +2,7 @@
 
 #include <event2/event.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <vector>
 
@@ -22,12 +23,12 @@ class TimerBase {
     }
     event_base_free(base_);
   }
-  event* add(long sec, short flags = 0) {
+  event* add(long sec, short flags = 0, long usec = 0) {
     auto fire = [](evutil_socket_t, short, void* index) {
       fired.push_back(static_cast<int>(reinterpret_cast<intptr_t>(index)));
     };
     events_.push_back(event_new(base_, -1, flags, fire, reinterpret_cast<void*>(events_.size())));
-    const timeval delay{sec, 0};
+    const timeval delay{sec, usec};
     event_add(events_.back(), &delay);
     return events_.back();
   }
@@ -84,6 +85,24 @@ TEST(EventBaseTimeouts, SubtractionKeepsOrderAndPastTimersFireAtOnce) {
   ASSERT_EQ(event_base_timeout_subtract_offset(timers.base(), &rest), 0);
   event_base_loop(timers.base(), EVLOOP_NONBLOCK);
   EXPECT_EQ(TimerBase::fired, (std::vector<int>{1, 2, 0}));
+}
+
+// Re-arming thousands of timers outside the loop takes long enough for libevent's coarse
+// clock to tick in between; timers a microsecond apart must still keep their order.
+TEST(EventBaseTimeouts, OrderSurvivesTheClockMovingDuringSubtraction) {
+  TimerBase timers;
+  TimerBase::fired.clear();
+  const int count = 20000;
+  for (int i = 0; i < count; ++i) {
+    timers.add(100, 0, i);
+  }
+  const timeval step{9, 0};
+  for (int round = 0; round < 12; ++round) {
+    ASSERT_EQ(event_base_timeout_subtract_offset(timers.base(), &step), 0);
+  }
+  event_base_dispatch(timers.base());
+  ASSERT_EQ(TimerBase::fired.size(), static_cast<size_t>(count));
+  EXPECT_TRUE(std::is_sorted(TimerBase::fired.begin(), TimerBase::fired.end()));
 }
 
 }  // namespace
