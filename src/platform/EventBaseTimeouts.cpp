@@ -4,6 +4,7 @@
 #include <event2/event_struct.h>
 
 #include <algorithm>
+#include <utility>
 #include <vector>
 
 namespace {

@@ -1,5 +1,4 @@
 // The library clock, the per-thread virtual time offset and fast-forward.
-#include <event2/event.h>
 #include <time.h>
 
 #include <atomic>
