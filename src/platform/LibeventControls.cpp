@@ -1,0 +1,293 @@
+// The libevent implementations of the three platform controls.
+#include <event2/event.h>
+#include <fcntl.h>
+#include <sys/time.h>
+
+#include <cmath>
+#include <exception>
+
+#include "Tarvo/Debug.h"
+#include "Tarvo/Exception.h"
+#include "Tarvo/LibeventFactory.h"
+#include "platform/LibeventInternal.h"
+
+namespace Tarvo {
+namespace {
+
+const char* const kSource = "LibeventFactory";
+
+// This file's view of the "TarvoLibevent" handler: a guard test instead of a call on the
+// timer paths.
+Platform::DebugHandler* trace() {
+  static Platform::DebugHandler* const handler = leDebugHandler();
+  return handler;
+}
+
+void requireHandler(const void* handler, const char* function, int line) {
+  if (handler == nullptr) {
+    debugAndThrowAssertException(trace(), 0, "a control needs a handler", kSource, function, line);
+  }
+}
+
+event* newEvent(event_callback_fn callback, void* control) {
+  event* ev = event_new(leBaseOrInit(), -1, 0, callback, control);
+  if (ev == nullptr) {
+    RuntimeException::throwException("event_new failed");
+  }
+  return ev;
+}
+
+void addEvent(event* ev, const timeval* timeout) {
+  if (event_add(ev, timeout) != 0) {
+    RuntimeException::throwException("event_add failed");
+  }
+}
+
+}  // namespace
+
+void Impl::LeEventFree::operator()(event* ev) const {
+  event_free(ev);
+}
+
+// ---- LibeventFdControl ----
+
+LibeventFdControl::LibeventFdControl(Platform::FdEventHandler* handler) : handler_(handler) {
+  requireHandler(handler, __func__, __LINE__);
+  readEvent_.reset(newEvent(handleFdRead, this));
+  writeEvent_.reset(newEvent(handleFdWrite, this));
+}
+
+LibeventFdControl::~LibeventFdControl() {
+  delFd();
+}
+
+void LibeventFdControl::armRead() {
+  event_del(readEvent_.get());
+  event_assign(readEvent_.get(), leBaseOrInit(), fd_, EV_READ | EV_PERSIST, handleFdRead, this);
+  addEvent(readEvent_.get(), nullptr);
+}
+
+void LibeventFdControl::armWrite() {
+  event_del(writeEvent_.get());
+  event_assign(writeEvent_.get(), leBaseOrInit(), fd_, EV_WRITE, handleFdWrite, this);
+  addEvent(writeEvent_.get(), nullptr);
+}
+
+void LibeventFdControl::setFd(int fd) {
+  fd_ = fd;
+  int flags = fcntl(fd, F_GETFL);
+  check(flags >= 0, "flags >= 0");
+  int result = fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+  check(result == 0, "result == 0");
+  if (reads_) {
+    armRead();
+  }
+  if (writes_) {
+    armWrite();
+  }
+}
+
+void LibeventFdControl::setReads(bool on) {
+  reads_ = on;
+  if (fd_ < 0) {
+    return;
+  }
+  if (on) {
+    armRead();
+  } else {
+    event_del(readEvent_.get());
+    event_assign(readEvent_.get(), leBaseOrInit(), -1, 0, handleFdRead, this);
+  }
+}
+
+void LibeventFdControl::setWrites(bool on) {
+  writes_ = on;
+  if (fd_ < 0) {
+    return;
+  }
+  if (on) {
+    armWrite();
+  } else {
+    event_del(writeEvent_.get());
+    event_assign(writeEvent_.get(), leBaseOrInit(), -1, 0, handleFdWrite, this);
+  }
+}
+
+void LibeventFdControl::clearEvents() {
+  event_base* base = leBaseOrInit();
+  event_del(readEvent_.get());
+  event_assign(readEvent_.get(), base, -1, 0, handleFdRead, this);
+  event_del(writeEvent_.get());
+  event_assign(writeEvent_.get(), base, -1, 0, handleFdWrite, this);
+}
+
+void LibeventFdControl::delFd() {
+  clearEvents();
+  fd_ = -1;
+}
+
+int LibeventFdControl::getFd() const {
+  return fd_;
+}
+
+// The handler may destroy this control from inside the notification, so nothing of the
+// control is touched after the call.
+void LibeventFdControl::handleFdRead(int, short, void* control) {
+  auto* self = static_cast<LibeventFdControl*>(control);
+  Platform::FdEventHandler* handler = self->handler_;
+  int fd = self->getFd();
+  try {
+    try {
+      handler->readFdEvent(fd);
+    } catch (...) {
+      if (!handler->handleFdException(fd)) {
+        throw;
+      }
+    }
+  } catch (...) {
+    leParkException(std::current_exception());
+  }
+}
+
+void LibeventFdControl::handleFdWrite(int, short, void* control) {
+  auto* self = static_cast<LibeventFdControl*>(control);
+  Platform::FdEventHandler* handler = self->handler_;
+  int fd = self->getFd();
+  try {
+    try {
+      handler->writeFdEvent(fd);
+    } catch (...) {
+      if (!handler->handleFdException(fd)) {
+        throw;
+      }
+    }
+  } catch (...) {
+    leParkException(std::current_exception());
+  }
+}
+
+// ---- LibeventTimerControl ----
+
+LibeventTimerControl::LibeventTimerControl(Platform::TimeoutHandler* handler) : handler_(handler) {
+  requireHandler(handler, __func__, __LINE__);
+  timer_.reset(newEvent(handleTimeout, this));
+}
+
+LibeventTimerControl::~LibeventTimerControl() = default;
+
+void LibeventTimerControl::setTimeout(double seconds) {
+  timeval delay;
+  bool finite = leSplitSeconds(seconds, &delay);
+  delTimeout();
+  TARVO_TRACE(trace(), 9, "Timer " << static_cast<const void*>(this) << " set timeout " << seconds);
+  // The event was assigned to the thread's base at construction, and that base outlives
+  // every control of the thread, so it is simply added again.
+  if (finite) {
+    addEvent(timer_.get(), &delay);
+    armed_ = true;
+  }
+}
+
+void LibeventTimerControl::delTimeout() {
+  TARVO_TRACE(trace(), 9, "Timer " << static_cast<const void*>(this) << " del timeout");
+  if (armed_) {
+    event_del(timer_.get());
+    armed_ = false;
+  }
+}
+
+bool LibeventTimerControl::timerPending() const {
+  return event_pending(timer_.get(), EV_TIMEOUT, nullptr) & EV_TIMEOUT;
+}
+
+double LibeventTimerControl::remainingTimeout() const {
+  timeval expiry;
+  if (!(event_pending(timer_.get(), EV_TIMEOUT, &expiry) & EV_TIMEOUT)) {
+    return HUGE_VAL;
+  }
+  timeval now;
+  gettimeofday(&now, nullptr);
+  if (!timercmp(&expiry, &now, >)) {
+    return 0;
+  }
+  timeval left;
+  timersub(&expiry, &now, &left);
+  return static_cast<double>(left.tv_sec) + static_cast<double>(left.tv_usec) / 1e6;
+}
+
+void LibeventTimerControl::handler() {
+  Platform::TimeoutHandler* handler = handler_;
+  TARVO_TRACE(trace(), 9, "Timer " << static_cast<const void*>(this) << " expired");
+  try {
+    handler->timeout();
+  } catch (...) {
+    if (!handler->handleTimeoutException()) {
+      throw;
+    }
+    TARVO_TRACE(trace(), 9,
+                "LibeventTimerControl::handler: Timeout notification exception was handled");
+  }
+}
+
+void LibeventTimerControl::handleTimeout(int, short, void* control) {
+  auto* self = static_cast<LibeventTimerControl*>(control);
+  // libevent has already taken the one-shot event out of the base.
+  self->armed_ = false;
+  try {
+    self->handler();
+  } catch (...) {
+    leParkException(std::current_exception());
+  }
+}
+
+// ---- LibeventCallbackControl ----
+
+LibeventCallbackControl::LibeventCallbackControl(Platform::CallbackHandler* handler)
+    : LibeventTimerControl(this), handler_(handler) {
+  requireHandler(handler, __func__, __LINE__);
+}
+
+void LibeventCallbackControl::requestCallback() {
+  TARVO_TRACE(trace(), 9, "Callback " << static_cast<const void*>(this) << " request");
+  LibeventTimerControl::setTimeout(0);
+}
+
+void LibeventCallbackControl::cancelCallback() {
+  TARVO_TRACE(trace(), 9, "Callback " << static_cast<const void*>(this) << " cancel");
+  LibeventTimerControl::delTimeout();
+}
+
+bool LibeventCallbackControl::pendingCallback() const {
+  return timerPending();
+}
+
+void LibeventCallbackControl::timeout() {
+  Platform::CallbackHandler* handler = handler_;
+  TARVO_TRACE(trace(), 9, "Callback " << static_cast<const void*>(this) << " execute");
+  try {
+    handler->callback();
+  } catch (...) {
+    if (!handler->handleCallbackException()) {
+      throw;
+    }
+    TARVO_TRACE(trace(), 9,
+                "LibeventCallbackControl::timeout: Callback notification exception was handled");
+  }
+}
+
+// ---- Factories ----
+
+std::shared_ptr<Platform::FdControl> getLeFdControl(Platform::FdEventHandler* handler) {
+  return std::make_shared<LibeventFdControl>(handler);
+}
+
+std::shared_ptr<Platform::TimerControl> getLeTimerControl(Platform::TimeoutHandler* handler) {
+  return std::make_shared<LibeventTimerControl>(handler);
+}
+
+std::shared_ptr<Platform::CallbackControl> getLeCallbackControl(
+    Platform::CallbackHandler* handler) {
+  return std::make_shared<LibeventCallbackControl>(handler);
+}
+
+}  // namespace Tarvo
