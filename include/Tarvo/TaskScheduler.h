@@ -194,6 +194,7 @@ class TaskImpl : public _TaskBase {
   friend class TaskScheduler;
 
   void handleInitialized();
+  static uint32_t magicNumberAfterRun(const TaskImpl* task);
   void unscheduleTaskPrivate(const TaskTimePoint& now);
   void schedulingLatencyIs(nanoseconds latency) noexcept;
   void taskTestYieldRatioEffectiveIs(uint8_t r);

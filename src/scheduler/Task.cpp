@@ -62,6 +62,12 @@ std::ostream& operator<<(std::ostream& os, const std::chrono::nanoseconds& d) {
 
 // ---- TaskImpl ----
 
+// Reads the magic number of a task that may have been destroyed inside its own run; that is
+// the one access the run makes before it knows whether the object is still alive.
+__attribute__((no_sanitize("vptr"))) uint32_t TaskImpl::magicNumberAfterRun(const TaskImpl* task) {
+  return task->taskMagicNumber_;
+}
+
 TaskImpl::TaskImpl(std::shared_ptr<TaskScheduler>&& scheduler, TaskPriority priority,
                    const std::string& name)
     : _TaskBase(std::move(scheduler), priority, name),
@@ -315,13 +321,15 @@ void TaskImpl::taskDoRun(const TaskTimePoint& start, TaskTimePoint* end) {
   try {
     taskExecute();
   } catch (...) {
-    if (taskMagicNumber_ == taskMagicNumberConstructed) {
+    if (magicNumberAfterRun(this) == taskMagicNumberConstructed) {
       taskCurrentlyRunning_ = false;
     }
     throw;
   }
-  if (taskMagicNumber_ != taskMagicNumberConstructed) {
-    fatal(concat("Task: ", this, " taskMagicNumber: ", taskMagicNumber_,
+  if (uint32_t magic = magicNumberAfterRun(this); magic != taskMagicNumberConstructed) {
+    // The object is gone: name it by its address only.
+    fatal(concat("Task: ", TaskKey(static_cast<const _TaskBase*>(this)).toStrep(),
+                 " taskMagicNumber: ", magic,
                  " taskMagicNumberConstructed: ", taskMagicNumberConstructed));
   }
   taskCurrentlyRunning_ = false;

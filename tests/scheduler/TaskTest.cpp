@@ -208,8 +208,9 @@ TEST(TaskDeathTest, TaskDestroyedInsideItsOwnRunAborts) {
   alignas(SelfDestroying) unsigned char storage[sizeof(SelfDestroying)];
   auto* t = std::construct_at(reinterpret_cast<SelfDestroying*>(storage), root,
                               TaskPriority::normal, "selfish");
-  EXPECT_DEATH(t->taskRunFromTest(),
-               "taskMagicNumber: 3735936685 taskMagicNumberConstructed: 1119771390");
+  EXPECT_DEATH(
+      t->taskRunFromTest(),
+      "Task: @0x[0-9a-f]+ taskMagicNumber: 3735936685 taskMagicNumberConstructed: 1119771390");
   std::destroy_at(t);
 }
 
