@@ -33,9 +33,17 @@ class ConstStringRef {
     uint32_t refCount() const noexcept { return refCount_; }
     void refCountInc() const noexcept { ++refCount_; }
     // Drops one reference; the last one erases the element from its cache.
-    void refCountDec() const;
+    void refCountDec() const {
+      if (refCount_ <= 1) [[unlikely]] {
+        releaseLast();
+      } else {
+        --refCount_;
+      }
+    }
 
    private:
+    void releaseLast() const;
+
     ConstStringCache* cache_;
     std::string string_;
     mutable uint32_t refCount_ = 0;

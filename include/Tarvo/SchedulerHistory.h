@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstdint>
 #include <ostream>
+#include <source_location>
 #include <string>
 
 #include <boost/circular_buffer.hpp>
@@ -57,11 +58,19 @@ class TaskSchedulerHistory {
   static constexpr unsigned defaultCapacity = 100;
   // A printHistory limit meaning "everything".
   static constexpr unsigned noLimit = 4294967295u;
+  static constexpr unsigned firstSchedulerEvent = 15;
+  static constexpr unsigned eventTypeCount = 24;
 
   class Event {
    public:
     // Ends the process when `type` is not a task event (`taskEvent`) or not a scheduler event.
-    Event(const TimePoint& when, TaskSchedulerEventType type, ConstStringRef name, bool taskEvent);
+    Event(const TimePoint& when, TaskSchedulerEventType type, ConstStringRef name, bool taskEvent)
+        : eventType_(type), timestamp_(when), name_(std::move(name)) {
+      unsigned t = static_cast<unsigned>(type);
+      if (t >= eventTypeCount || (t < firstSchedulerEvent) != taskEvent) [[unlikely]] {
+        wrongType(t, std::source_location::current());
+      }
+    }
 
     TaskSchedulerEventType eventType() const noexcept { return eventType_; }
     const TimePoint& timestamp() const noexcept { return timestamp_; }
@@ -70,6 +79,8 @@ class TaskSchedulerHistory {
     std::string display() const;
 
    private:
+    [[noreturn]] static void wrongType(unsigned type, std::source_location where);
+
     TaskSchedulerEventType eventType_;
     TimePoint timestamp_;
     ConstStringRef name_;
@@ -78,10 +89,12 @@ class TaskSchedulerHistory {
   // A capacity above maxCapacity throws std::length_error("circular_buffer").
   explicit TaskSchedulerHistory(unsigned capacity);
 
-  // A task event (types 0 to 14), named by the task's statistics name.
-  void insert(const TimePoint& when, TaskSchedulerEventType type, const _TaskBase* task);
-  // A scheduler event (types 15 to 23), named by the scheduler's name.
-  void insert(const TimePoint& when, TaskSchedulerEventType type, const TaskScheduler* scheduler);
+  // A task event (types 0 to 14), named by the task's statistics name. Defined in
+  // Tarvo/TaskScheduler.h, the header to include for inserting.
+  inline void insert(const TimePoint& when, TaskSchedulerEventType type, const _TaskBase* task);
+  // A scheduler event (types 15 to 23), named by the scheduler's name. As above.
+  inline void insert(const TimePoint& when, TaskSchedulerEventType type,
+                     const TaskScheduler* scheduler);
 
   ConstStringCache& nameCache() noexcept { return nameCache_; }
   unsigned capacity() const noexcept { return static_cast<unsigned>(ring_.capacity()); }
@@ -96,6 +109,8 @@ class TaskSchedulerHistory {
   void print(std::ostream& os, unsigned limit) const;
 
  private:
+  friend class _TaskBase;
+
   void insertEvent(const TimePoint& when, TaskSchedulerEventType type, const ConstStringRef& name,
                    bool taskEvent) {
     Event event(when, type, name, taskEvent);

@@ -23,6 +23,7 @@
 
 #include <pthread.h>
 #include <sys/types.h>
+#include <time.h>
 
 #include <chrono>
 #include <cstdint>
@@ -48,8 +49,16 @@ class TaskScheduler;
 class TaskSchedulerRoot;
 class TimerTask;
 
-using TaskClock = std::chrono::steady_clock;
-using TaskTimePoint = TaskClock::time_point;
+using TaskTimePoint = std::chrono::steady_clock::time_point;
+
+// The scheduler's clock: std::chrono::steady_clock, read without the library call in between.
+struct TaskClock {
+  static TaskTimePoint now() noexcept {
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return TaskTimePoint(std::chrono::seconds(ts.tv_sec) + std::chrono::nanoseconds(ts.tv_nsec));
+  }
+};
 
 // Identity, scheduler link, priority, names and busy state shared by every kind of task.
 // Owned through std::shared_ptr; a task keeps its scheduler alive.
@@ -80,7 +89,7 @@ class _TaskBase : public std::enable_shared_from_this<_TaskBase> {
   bool taskBusy() const noexcept { return taskBusy_; }
 
   // Records an event of this task in its tree's history.
-  void taskHistoryInsert(const TaskTimePoint& when, TaskSchedulerEventType type) const;
+  inline void taskHistoryInsert(const TaskTimePoint& when, TaskSchedulerEventType type) const;
 
  protected:
   // Ends the process with "Need a TaskScheduler" when `scheduler` is null.
@@ -502,6 +511,21 @@ class TaskSchedulerRootManual : public TaskSchedulerRoot {
 
 inline TaskSchedulerRoot* _TaskBase::root() const noexcept {
   return scheduler_->root();
+}
+
+inline void _TaskBase::taskHistoryInsert(const TaskTimePoint& when,
+                                         TaskSchedulerEventType type) const {
+  scheduler_->history()->insertEvent(when, type, taskStatsName_, true);
+}
+
+inline void TaskSchedulerHistory::insert(const TimePoint& when, TaskSchedulerEventType type,
+                                         const _TaskBase* task) {
+  insertEvent(when, type, task->taskStatsName(), true);
+}
+
+inline void TaskSchedulerHistory::insert(const TimePoint& when, TaskSchedulerEventType type,
+                                         const TaskScheduler* scheduler) {
+  insertEvent(when, type, scheduler->schedulerName(), false);
 }
 
 }  // namespace Tarvo

@@ -5,9 +5,11 @@
 
 namespace Tarvo {
 
+// Created when the library is loaded; hidden so that hot paths reach it without indirection.
+extern Platform::DebugHandler& schedulerTraceHandler __attribute__((visibility("hidden")));
+
 inline Platform::DebugHandler& schedulerTrace() {
-  static Platform::DebugHandler* const handler = Platform::getDebugHandler("TaskScheduler");
-  return *handler;
+  return schedulerTraceHandler;
 }
 
 }  // namespace Tarvo

@@ -36,10 +36,6 @@ void _TaskBase::taskStatsNameIs(const std::string& name) {
   taskStatsName_ = scheduler_->nameCache().intern(name);
 }
 
-void _TaskBase::taskHistoryInsert(const TaskTimePoint& when, TaskSchedulerEventType type) const {
-  scheduler_->history()->insert(when, type, this);
-}
-
 void _TaskBase::taskBusyIs(bool busy, const TaskTimePoint& now) {
   if (busy == taskBusy_) {
     return;

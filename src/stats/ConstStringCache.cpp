@@ -11,7 +11,7 @@ const std::string& ConstStringRef::emptyString() noexcept {
   return empty;
 }
 
-void ConstStringRef::Elem::refCountDec() const {
+void ConstStringRef::Elem::releaseLast() const {
   if (refCount_ == 0) {
     debugAndThrowAssertException(nullptr, 0, "", "ConstStringCache", "refCountDec", __LINE__);
   }

@@ -8,8 +8,7 @@
 namespace Tarvo {
 
 namespace {
-constexpr unsigned kFirstSchedulerEvent = 15;
-constexpr unsigned kEventTypeCount = 24;
+constexpr unsigned kEventTypeCount = TaskSchedulerHistory::eventTypeCount;
 
 const char* const kLabels[kEventTypeCount] = {
     "schedule   ",
@@ -45,14 +44,9 @@ void eventNeedTask(unsigned type) {
 }
 }  // namespace
 
-TaskSchedulerHistory::Event::Event(const TimePoint& when, TaskSchedulerEventType type,
-                                   ConstStringRef name, bool taskEvent)
-    : eventType_(type), timestamp_(when), name_(std::move(name)) {
-  unsigned t = static_cast<unsigned>(type);
-  eventNeedTask(t);
-  if ((t < kFirstSchedulerEvent) != taskEvent) [[unlikely]] {
-    fatal("EventType: " + std::to_string(t));
-  }
+void TaskSchedulerHistory::Event::wrongType(unsigned type, std::source_location where) {
+  eventNeedTask(type);
+  fatal("EventType: " + std::to_string(type), where);
 }
 
 std::string TaskSchedulerHistory::Event::display() const {
@@ -65,16 +59,6 @@ std::string TaskSchedulerHistory::Event::display() const {
 
 TaskSchedulerHistory::TaskSchedulerHistory(unsigned capacity) {
   capacityIs(capacity);
-}
-
-void TaskSchedulerHistory::insert(const TimePoint& when, TaskSchedulerEventType type,
-                                  const _TaskBase* task) {
-  insertEvent(when, type, task->taskStatsName(), true);
-}
-
-void TaskSchedulerHistory::insert(const TimePoint& when, TaskSchedulerEventType type,
-                                  const TaskScheduler* scheduler) {
-  insertEvent(when, type, scheduler->schedulerName(), false);
 }
 
 void TaskSchedulerHistory::capacityIs(unsigned capacity) {
