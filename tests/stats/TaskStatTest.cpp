@@ -7,43 +7,28 @@ namespace Tarvo {
 namespace {
 
 using std::chrono::nanoseconds;
+using S = TaskStat::TaskStatus;
 
 TaskStat record(ConstStringRef name, uint32_t runs, TaskMaybeU32 workHigh, int64_t runHigh,
-                uint8_t status = 0) {
-  return TaskStat(std::move(name), TaskKey(uintptr_t{0x10}), TaskPriority::high, runs,
+                uint8_t status = 0, TaskPriority priority = TaskPriority::high) {
+  return TaskStat(std::move(name), TaskKey(uintptr_t{0x10}), priority, runs,
                   nanoseconds(100 * runs), 7 * runs, 1.5f * runs, workHigh, runs + 1, workHigh, 1,
-                  2, nanoseconds(runHigh), nanoseconds(runs), nanoseconds(runHigh * 2),
-                  TaskStat::TaskStatus(status));
-}
-
-TEST(TaskStatTest, DefaultRecordIsEmptyAndReadsAsIdleAbsolute) {
-  TaskStat s;
-  EXPECT_EQ(s.taskName(), "");
-  EXPECT_EQ(s.taskStatusString(), " a");
-  EXPECT_EQ(s.taskWorkCountHighWaterMark().value(), 0u);
-  EXPECT_EQ(s.taskDeadCount(), 0u);
+                  2, nanoseconds(runHigh), nanoseconds(runs), nanoseconds(runHigh * 2), S(status));
 }
 
 TEST(TaskStatTest, StatusStringRanksRunningSuspendedAndTimerStates) {
+  EXPECT_EQ(TaskStat().taskName(), "");
+  EXPECT_EQ(TaskStat().taskStatusString(), " a");
   auto str = [](uint8_t bits, TaskPriority p) {
-    TaskStat s(ConstStringRef(), TaskKey(), p, 0, nanoseconds(0), 0, 0, 0, 0, 0, 0, 0,
-               nanoseconds(0), nanoseconds(0), nanoseconds(0), TaskStat::TaskStatus(bits));
-    return s.taskStatusString();
+    return record(ConstStringRef(), 0, 0, 0, bits, p).taskStatusString();
   };
-  using S = TaskStat::TaskStatus;
-  EXPECT_EQ(
-      str(S::taskTimerBit | S::taskTimerRunningBit | S::taskOnRunQueueBit, TaskPriority::high),
-      "TH");
-  EXPECT_EQ(str(S::taskTimerBit | S::taskOnRunQueueBit, TaskPriority::high), "tH");
-  EXPECT_EQ(str(S::taskTimerBit | S::taskTimerRunningBit, TaskPriority::high), "Th");
-  EXPECT_EQ(str(S::taskTimerBit, TaskPriority::normal), "tn");
-  EXPECT_EQ(
-      str(S::taskCurrentlyRunningBit | S::taskSuspendedBit | S::taskTimerBit, TaskPriority::normal),
-      "*n");
-  EXPECT_EQ(
-      str(S::taskSuspendedBit | S::taskTimerBit | S::taskOnRunQueueBit, TaskPriority::scavenge),
-      "SS");
-  EXPECT_EQ(str(S::taskOnRunQueueBit, TaskPriority::low), " L");
+  uint8_t timer = S::taskTimerBit, armed = S::taskTimerRunningBit, queued = S::taskOnRunQueueBit;
+  EXPECT_EQ(str(timer | armed | queued, TaskPriority::high), "TH");
+  EXPECT_EQ(str(timer | armed, TaskPriority::high), "Th");
+  EXPECT_EQ(str(timer | queued, TaskPriority::high), "tH");
+  EXPECT_EQ(str(S::taskCurrentlyRunningBit | S::taskSuspendedBit | timer, TaskPriority::normal),
+            "*n");
+  EXPECT_EQ(str(S::taskSuspendedBit | timer | queued, TaskPriority::scavenge), "SS");
 }
 
 TEST(TaskStatTest, MergeSumsCountsKeepsLatestAndMaximaAndAddsOneDeath) {
@@ -55,13 +40,8 @@ TEST(TaskStatTest, MergeSumsCountsKeepsLatestAndMaximaAndAddsOneDeath) {
   b.taskDeadCountIs(5);
   a += b;
   EXPECT_EQ(a.taskRunCount(), 7u);
-  EXPECT_EQ(a.taskTotalRunTime(), nanoseconds(700));
-  EXPECT_EQ(a.taskWorkCountTotal(), 49u);
-  EXPECT_EQ(a.taskQuantumViolation500(), 2u);
   EXPECT_EQ(a.taskQuantumViolation200(), 4u);
   EXPECT_FLOAT_EQ(a.taskWorkCountDecayAvg(), 6.0f);
-  EXPECT_EQ(a.taskWorkPending(), 5u);
-  EXPECT_EQ(a.taskLastSchedulingLatency(), nanoseconds(4));
   EXPECT_EQ(a.taskStatus().value(), 2);
   EXPECT_EQ(a.taskRunTimeHighWaterMark(), nanoseconds(50));
   EXPECT_EQ(a.taskSchedulingLatencyHighWaterMark(), nanoseconds(100));
@@ -79,16 +59,6 @@ TEST(TaskStatDeathTest, MergingDifferentNamesAborts) {
   TaskStat b = record(cache.intern("b"), 1, 0, 0);
   TaskStat a = record(cache.intern("a"), 1, 0, 0);
   EXPECT_DEATH(b += a, "b != a");
-}
-
-TEST(TaskMaybeU32Test, RaiseSaturatesBelowTheUnsetValue) {
-  TaskMaybeU32 m;
-  EXPECT_FALSE(m.recorded());
-  EXPECT_EQ(m.valueOrZero(), 0u);
-  m.raiseTo(0);
-  EXPECT_TRUE(m.recorded());
-  m.raiseTo(1ull << 40);
-  EXPECT_EQ(m.value(), 4294967294u);
 }
 
 }  // namespace
