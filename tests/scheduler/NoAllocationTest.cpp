@@ -1,0 +1,65 @@
+// The scheduling hot path must not allocate: this binary counts every operator new.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <new>
+
+#include "Tarvo/TaskScheduler.h"
+#include "scheduler/SchedulerTestSupport.h"
+
+namespace {
+std::atomic<uint64_t> allocations{0};
+}
+
+void* operator new(std::size_t size) {
+  allocations.fetch_add(1, std::memory_order_relaxed);
+  if (void* p = std::malloc(size ? size : 1)) {
+    return p;
+  }
+  throw std::bad_alloc();
+}
+void operator delete(void* p) noexcept {
+  std::free(p);
+}
+void operator delete(void* p, std::size_t) noexcept {
+  std::free(p);
+}
+
+namespace Tarvo {
+namespace {
+
+TEST(NoAllocationTest, ScheduleUnschedulePickRunAndHistoryInsertAllocateNothing) {
+  auto root = std::make_shared<TaskSchedulerRootManual>("root");
+  int again = 0;
+  auto busy = std::make_shared<Tarvo::Test::FnTask>(root, TaskPriority::high, "busy",
+                                                    [&](Tarvo::Test::FnTask& t) {
+                                                      if (again-- > 0) {
+                                                        t.scheduleTask();
+                                                      }
+                                                    });
+  auto other = std::make_shared<Tarvo::Test::FnTask>(root, TaskPriority::low, "other");
+  busy->scheduleTask();
+  root->runUntilIdle();  // warm-up: lazily created trace handler and the like
+
+  uint64_t before = allocations.load();
+  for (int round = 0; round < 100; ++round) {
+    again = 20;
+    busy->scheduleTask();
+    other->scheduleTask();
+    other->unscheduleTask();
+    other->scheduleTask();
+    root->runUntilIdle();
+    root->history()->insert(TaskClock::now(), TaskSchedulerEventType::timerStart, busy.get());
+  }
+  EXPECT_EQ(allocations.load() - before, 0u);
+  // The count is live: creating a task does allocate.
+  before = allocations.load();
+  auto created = std::make_shared<Tarvo::Test::FnTask>(root, TaskPriority::low, "created");
+  EXPECT_GT(allocations.load() - before, 0u);
+  EXPECT_EQ(other->runs, 100);
+  EXPECT_GT(busy->runs, 2000);
+}
+
+}  // namespace
+}  // namespace Tarvo
