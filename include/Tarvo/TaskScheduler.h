@@ -409,6 +409,15 @@ class TaskSchedulerRoot : public TaskScheduler {
   virtual void taskDestroyed(TaskImpl&) {}
   virtual void timerCreated(TimerTask&) {}
   virtual void timerDestroyed(TimerTask&) {}
+  // The timer operations of timer tasks: arm (answering false when `restart` is off and an
+  // earlier expiry is already armed), disarm, and read the remaining seconds and the expiry.
+  // A root whose timer tasks are driven by platform timers overrides them; a root without
+  // timers (this class as it stands, TaskSchedulerRootManual) throws UnimplementedException.
+  virtual bool timerStart(TimerTask& timer, double seconds, bool restart);
+  virtual bool timerStart(TimerTask& timer, nanoseconds delay, bool restart);
+  virtual void timerStop(TimerTask& timer);
+  virtual double timerRemaining(const TimerTask& timer) const;
+  virtual double timerExpiry(const TimerTask& timer) const;
   void handleTaskForceYieldInTest() override {}
 
   // Ends the process with "insert failed for" / "delete failed for" and the scheduler when
@@ -446,7 +455,8 @@ class TaskSchedulerRoot : public TaskScheduler {
   static std::string currentThreadName();
   bool mainThread() const noexcept { return mainThread_; }
 
-  // Switches virtual time off, then runs one task.
+  // Switches virtual time off, then runs one task. When the task throws, the next run is
+  // requested before the exception passes on, so the remaining tasks still run.
   void handleSchedulerRun();
 
   // The history ring's capacity (100 unless changed) and its change.
@@ -481,8 +491,8 @@ class TaskSchedulerRoot : public TaskScheduler {
 // programs that run their own loop. Run requests are counted and remembered; runOnce() and
 // runUntilIdle() perform the requested runs on the calling thread, as the event loop would,
 // one task per run. Several requests before a run collapse into one, as with a zero-delay
-// timer. Exceptions from a task's taskExecute() pass out of runOnce()/runUntilIdle(); the
-// next run request is then not made, so call requestSchedulerRun() to go on.
+// timer. Exceptions from a task's taskExecute() pass out of runOnce()/runUntilIdle() with the
+// next run already requested, so calling them again goes on with the remaining tasks.
 //
 //   auto root = std::make_shared<Tarvo::TaskSchedulerRootManual>("test");
 //   auto task = std::make_shared<MyTask>(root, Tarvo::TaskPriority::normal, "mine");
@@ -529,3 +539,6 @@ inline void TaskSchedulerHistory::insert(const TimePoint& when, TaskSchedulerEve
 }
 
 }  // namespace Tarvo
+
+// The event-loop root and the per-thread roots complete the scheduler API.
+#include "Tarvo/TaskSchedulerRootTarvo.h"

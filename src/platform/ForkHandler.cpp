@@ -1,6 +1,7 @@
 #include "Tarvo/ForkHandler.h"
 
 #include <pthread.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -8,6 +9,8 @@
 #include <iostream>
 
 #include "Tarvo/Exception.h"
+#include "Tarvo/LibeventFactory.h"
+#include "platform/LocoFork.h"
 
 namespace Tarvo::Platform {
 namespace {
@@ -16,6 +19,18 @@ std::atomic<bool> forkedChild{false};
 
 void handleFork() {
   forkedChild.store(true, std::memory_order_relaxed);
+  locoAfterFork();
+  // The forking thread's event base shares its kernel state with the parent's until it is
+  // re-initialised; the other threads, and their bases, do not exist in the child.
+  if (leInitialized()) {
+    try {
+      leForkReinit();
+    } catch (const std::exception& e) {
+      static constexpr char kFailed[] = "Tarvo: event base re-initialisation after fork failed\n";
+      ssize_t ignored = ::write(STDERR_FILENO, kFailed, sizeof kFailed - 1);
+      (void)ignored;
+    }
+  }
 }
 
 bool isForkedChild() {

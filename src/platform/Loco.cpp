@@ -6,6 +6,7 @@
 #include <system_error>
 
 #include "Tarvo/Platform.h"
+#include "platform/LocoFork.h"
 
 namespace Tarvo {
 
@@ -36,6 +37,14 @@ class Loco final : public Platform::Loco {
     return pthread_equal(owner_.load(std::memory_order_relaxed), pthread_self());
   }
 
+  void resetInChild() {
+    if (depth_ != 0 && !owns_lock()) {
+      mutex_ = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+      owner_.store(pthread_t{}, std::memory_order_relaxed);
+      depth_ = 0;
+    }
+  }
+
  private:
   pthread_mutex_t mutex_ = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
   std::atomic<pthread_t> owner_{};
@@ -44,10 +53,20 @@ class Loco final : public Platform::Loco {
 
 namespace Platform {
 
-Loco& loco() {
+namespace {
+Tarvo::Loco& theLoco() {
   // Never destroyed: static destructors of other modules may still trace.
   static Tarvo::Loco* const instance = new Tarvo::Loco;
   return *instance;
+}
+}  // namespace
+
+Loco& loco() {
+  return theLoco();
+}
+
+void locoAfterFork() {
+  theLoco().resetInChild();
 }
 
 }  // namespace Platform

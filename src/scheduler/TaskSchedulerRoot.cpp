@@ -148,7 +148,37 @@ void TaskSchedulerRoot::handleSchedulerRun() {
   if (virtualTime_) {
     virtualTimeIs(false);
   }
-  TaskScheduler::handleSchedulerRun();
+  try {
+    TaskScheduler::handleSchedulerRun();
+  } catch (...) {
+    // The scheduler still counts itself runnable, so a later scheduleTask() would request
+    // nothing: ask for the next run here, or the remaining tasks would never run.
+    requestSchedulerRun();
+    throw;
+  }
+}
+
+namespace {
+[[noreturn]] void noTimers(const char* operation) {
+  UnimplementedException::throwException(std::string("TaskSchedulerRoot::") + operation +
+                                         "(): this root has no timers");
+}
+}  // namespace
+
+bool TaskSchedulerRoot::timerStart(TimerTask&, double, bool) {
+  noTimers("timerStart");
+}
+bool TaskSchedulerRoot::timerStart(TimerTask&, nanoseconds, bool) {
+  noTimers("timerStart");
+}
+void TaskSchedulerRoot::timerStop(TimerTask&) {
+  noTimers("timerStop");
+}
+double TaskSchedulerRoot::timerRemaining(const TimerTask&) const {
+  noTimers("timerRemaining");
+}
+double TaskSchedulerRoot::timerExpiry(const TimerTask&) const {
+  noTimers("timerExpiry");
 }
 
 void TaskSchedulerRoot::historyEntryCountIs(unsigned capacity) {

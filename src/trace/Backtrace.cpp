@@ -35,6 +35,12 @@ __attribute__((noinline)) unsigned Backtrace::unwind(void** frames, unsigned max
 }
 
 namespace {
+
+// libunwind sets up its process-wide state on the first unwind, writing globals that later
+// unwinds read without a lock. Doing that once at load, before the program starts threads,
+// keeps two threads' first exceptions from racing on it.
+const bool unwinderReady = Backtrace(true).count() > 0;
+
 std::string demangle(const char* symbol) {
   int status = 0;
   std::unique_ptr<char, decltype(&std::free)> plain(

@@ -1,0 +1,111 @@
+#include "Tarvo/TaskSchedulerRootTarvo.h"
+
+#include <pthread.h>
+
+#include <atomic>
+#include <optional>
+#include <string>
+
+#include "Tarvo/Exception.h"
+#include "Tarvo/Platform.h"
+#include "scheduler/SchedulerTrace.h"
+
+namespace Tarvo {
+
+TaskSchedulerRootTarvo::TaskSchedulerRootTarvo(const std::string& name)
+    : TaskSchedulerRoot(name, nanoseconds(0)), runTimer_(Platform::getTimerControl(this)) {}
+
+TaskSchedulerRootTarvo::~TaskSchedulerRootTarvo() = default;
+
+void TaskSchedulerRootTarvo::requestSchedulerRun() {
+  runTimer_->setTimeout(0.0);
+}
+
+void TaskSchedulerRootTarvo::timeout() {
+  handleSchedulerRun();
+}
+
+namespace {
+
+// The thread's root and the backtrace of where it was placed in the slot.
+struct PerThreadRoot {
+  std::shared_ptr<TaskSchedulerRoot> root;
+  std::optional<Backtrace> placedAt;
+
+  void place(std::shared_ptr<TaskSchedulerRoot> newRoot) {
+    root = std::move(newRoot);
+    placedAt.emplace(true);
+  }
+};
+
+thread_local PerThreadRoot perThreadRoot;
+std::atomic<PerThreadSchedulerFactory> externalFactory{nullptr};
+
+}  // namespace
+
+std::shared_ptr<TaskSchedulerRoot> schedulerRootTarvoNonShared(const std::string& name) {
+  return std::make_shared<TaskSchedulerRootTarvo>(name);
+}
+
+std::shared_ptr<TaskSchedulerRoot> schedulerRootTarvo() {
+  PerThreadRoot& slot = perThreadRoot;
+  if (slot.root) [[likely]] {
+    return slot.root;
+  }
+  if (PerThreadSchedulerFactory factory = externalFactory.load()) {
+    slot.place(factory());
+  } else {
+    slot.place(schedulerRootTarvoNonShared(
+        "thread:" + std::to_string(static_cast<unsigned long>(pthread_self()))));
+  }
+  TARVO_TRACE(
+      schedulerTrace(), 1,
+      "per-thread root " << static_cast<const TaskScheduler*>(slot.root.get()) << " created");
+  return slot.root;
+}
+
+std::shared_ptr<TaskSchedulerRoot> schedulerRootTarvoIfExists() {
+  return perThreadRoot.root;
+}
+
+void schedulerRootTarvoIs(std::shared_ptr<TaskSchedulerRoot> root) {
+  PerThreadRoot& slot = perThreadRoot;
+  if (root == slot.root) {
+    return;
+  }
+  if (!root) {
+    slot.root.reset();
+    slot.placedAt.reset();
+    return;
+  }
+  if (slot.root) {
+    Platform::DebugStream message;
+    message << "Existing per thread scheduler "
+            << static_cast<const TaskScheduler*>(slot.root.get()) << " new "
+            << static_cast<const TaskScheduler*>(root.get());
+    debugAndThrowAssertException(&schedulerTrace(), 0, message, "TaskScheduler",
+                                 "schedulerRootTarvoIs", __LINE__);
+  }
+  slot.place(std::move(root));
+}
+
+void createExternalPerThreadSchedulerIs(PerThreadSchedulerFactory factory) {
+  PerThreadSchedulerFactory installed = externalFactory.load();
+  if (installed != nullptr && installed != factory) {
+    Platform::DebugStream message;
+    message << "Cannot change the function, already set to "
+            << reinterpret_cast<const void*>(installed);
+    debugAndThrowAssertException(&schedulerTrace(), 0, message, "TaskScheduler",
+                                 "createExternalPerThreadSchedulerIs", __LINE__);
+  }
+  const PerThreadRoot& slot = perThreadRoot;
+  if (slot.root) {
+    Platform::DebugStream message;
+    message << "Per thread scheduler is already set, create backtrace\n" << slot.placedAt->pretty();
+    debugAndThrowAssertException(&schedulerTrace(), 0, message, "TaskScheduler",
+                                 "createExternalPerThreadSchedulerIs", __LINE__);
+  }
+  externalFactory.store(factory);
+}
+
+}  // namespace Tarvo

@@ -1,0 +1,261 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <functional>
+#include <latch>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Tarvo/Exception.h"
+#include "Tarvo/Platform.h"
+#include "Tarvo/TaskScheduler.h"
+#include "Tarvo/Thread.h"
+#include "common/TestSupport.h"
+#include "scheduler/SchedulerTestSupport.h"
+
+namespace Tarvo {
+namespace {
+
+using Test::FnTask;
+using Test::loggingTask;
+using ::testing::ContainsRegex;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+using Log = std::vector<std::string>;
+
+unsigned historyCount(const TaskSchedulerRoot& root, TaskSchedulerEventType type) {
+  unsigned n = 0;
+  for (unsigned i = 0; i < root.history()->size(); ++i) {
+    n += root.history()->event(i).eventType() == type;
+  }
+  return n;
+}
+
+// Logs "F" each time its descriptor is readable; stops watching once `done` says so.
+class ReadLogger : public Platform::FdEventHandler {
+ public:
+  ReadLogger(int fd, Log& log, std::function<bool()> done) : log_(log), done_(std::move(done)) {
+    control_->setFd(fd);
+  }
+  void readFdEvent(int) override {
+    log_.push_back("F");
+    if (done_()) {
+      control_->delFd();
+    }
+  }
+  void writeFdEvent(int) override {}
+
+ private:
+  Log& log_;
+  std::function<bool()> done_;
+  std::shared_ptr<Platform::FdControl> control_ = Platform::getFdControl(this);
+};
+
+class RootTarvoTest : public ::testing::Test {
+ protected:
+  std::shared_ptr<TaskSchedulerRoot> root = schedulerRootTarvoNonShared("loop");
+  Log log;
+};
+
+TEST_F(RootTarvoTest, OneTaskPerLoopPassInterleavesWithAReadableDescriptor) {
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  ASSERT_EQ(write(fds[1], "x", 1), 1);  // never read: readable on every pass
+  int runs = 0;
+  auto busy = loggingTask(root, TaskPriority::normal, "T", log, [&] { return ++runs < 20; });
+  ReadLogger reader(fds[0], log, [&] { return runs >= 20; });
+  busy->scheduleTask();
+  Platform::doEventLoop();
+  EXPECT_EQ(runs, 20);
+  for (size_t i = 1; i < log.size(); ++i) {
+    EXPECT_NE(log[i], log[i - 1]) << "two " << log[i] << " in one pass at " << i;
+  }
+  EXPECT_GE(log.size(), 39u);
+  close(fds[0]);
+  close(fds[1]);
+}
+
+TEST_F(RootTarvoTest, SuspendedRootIgnoresItsRunAndResumeRequestsExactlyOne) {
+  auto a = loggingTask(root, TaskPriority::normal, "A", log);
+  auto b = loggingTask(root, TaskPriority::normal, "B", log);
+  a->scheduleTask();
+  root->suspendedIs(true);
+  b->scheduleTask();
+  Platform::doEventLoop();  // the one pending run is ignored; nothing is requested again
+  EXPECT_TRUE(log.empty());
+  EXPECT_EQ(historyCount(*root, TaskSchedulerEventType::schedulerRunIgnoredWhileSuspended), 1u);
+  root->suspendedIs(false);
+  Platform::doEventLoop();
+  EXPECT_EQ(log, (Log{"A", "B"}));
+  EXPECT_EQ(historyCount(*root, TaskSchedulerEventType::schedulerRunIgnoredWhileSuspended), 1u);
+}
+
+TEST_F(RootTarvoTest, ThrowingTaskMakesTheLoopThrowAndTheNextLoopGoesOn) {
+  auto bad = std::make_shared<FnTask>(root, TaskPriority::high, "bad",
+                                      [](FnTask&) { throw std::runtime_error("task failed"); });
+  auto good = loggingTask(root, TaskPriority::normal, "good", log);
+  auto later = loggingTask(root, TaskPriority::low, "later", log);
+  bad->scheduleTask();
+  good->scheduleTask();
+  later->scheduleTask();
+  EXPECT_THROW(Platform::doEventLoop(), std::runtime_error);
+  EXPECT_TRUE(log.empty());
+  Platform::doEventLoop();
+  EXPECT_EQ(log, (Log{"good", "later"}));
+  good->scheduleTask();  // the scheduler went idle normally: a new request reaches the loop
+  Platform::doEventLoop();
+  EXPECT_EQ(log, (Log{"good", "later", "good"}));
+}
+
+TEST_F(RootTarvoTest, RunSwitchesVirtualTimeOff) {
+  bool yielded = true;
+  auto task = std::make_shared<FnTask>(root, TaskPriority::normal, "t",
+                                       [&](FnTask& t) { yielded = t.taskShouldYield(); });
+  root->virtualTimeIs(true);
+  task->scheduleTask();
+  Platform::doEventLoop();
+  EXPECT_FALSE(root->virtualTime());
+  EXPECT_FALSE(yielded);
+  EXPECT_EQ(task->runs, 1);
+}
+
+TEST_F(RootTarvoTest, SchedulingFromAnotherThreadAbortsNamingBothThreads) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  auto task = loggingTask(root, TaskPriority::normal, "t", log);
+  EXPECT_DEATH(std::thread([&] {
+                 threadNameIs("intruder");
+                 task->scheduleTask();
+               }).join(),
+               "Executing in wrong thread [0-9]+\\(intruder\\) pid [0-9]+ scheduler belongs to "
+               "thread [0-9]+\\(.*\\) pid [0-9]+");
+  root->threadSanityDisabledIs(true);
+  std::thread([&] { task->scheduleTask(); }).join();
+  root->threadSanityDisabledIs(false);
+  Platform::doEventLoop();
+  EXPECT_EQ(log, (Log{"t"}));
+}
+
+TEST(PerThreadRoot, EachThreadHasItsOwnRootAndLoop) {
+  // Both threads hold their roots at the same time; each root is dropped on its own thread,
+  // as a root's platform timer must be.
+  std::latch bothHaveRoots(2);
+  auto work = [&](const TaskSchedulerRoot** seen, Log* log) {
+    std::shared_ptr<TaskSchedulerRoot> root = schedulerRootTarvo();
+    EXPECT_EQ(schedulerRootTarvo(), root) << "one root per thread";
+    EXPECT_EQ(root->schedulerName().str(),
+              "thread:" + std::to_string(static_cast<unsigned long>(pthread_self())));
+    *seen = root.get();
+    bothHaveRoots.arrive_and_wait();
+    int left = 100;
+    auto task = loggingTask(root, TaskPriority::normal, "t", *log, [&] { return --left > 0; });
+    task->scheduleTask();
+    Platform::doEventLoop();
+  };
+  const TaskSchedulerRoot* first = nullptr;
+  const TaskSchedulerRoot* second = nullptr;
+  Log firstLog;
+  Log secondLog;
+  std::thread one(work, &first, &firstLog);
+  std::thread two(work, &second, &secondLog);
+  one.join();
+  two.join();
+  EXPECT_NE(first, second);
+  EXPECT_EQ(firstLog.size(), 100u);
+  EXPECT_EQ(secondLog.size(), 100u);
+}
+
+std::shared_ptr<TaskSchedulerRoot> makeCustomRoot() {
+  return schedulerRootTarvoNonShared("custom");
+}
+std::shared_ptr<TaskSchedulerRoot> makeOtherRoot() {
+  return schedulerRootTarvoNonShared("other");
+}
+
+// The factory and the slots are process-wide and per thread: this runs in a child process.
+TEST(PerThreadRoot, ExternalFactoryAndReplacementsAreRefusedWithTheirReasons) {
+  if (!Tarvo::Test::isChildRun()) {
+    auto result = Tarvo::Test::runSelf(
+        "PerThreadRoot.ExternalFactoryAndReplacementsAreRefusedWithTheirReasons", {});
+    EXPECT_EQ(result.exitCode, 0) << result.out << result.err;
+    return;
+  }
+  std::shared_ptr<TaskSchedulerRoot> mine = schedulerRootTarvo();
+  try {
+    createExternalPerThreadSchedulerIs(&makeCustomRoot);
+    ADD_FAILURE() << "a thread with a root refuses a factory";
+  } catch (const AssertException& e) {
+    EXPECT_THAT(e.message(), HasSubstr("Per thread scheduler is already set, create backtrace\n"));
+    EXPECT_THAT(e.message(), HasSubstr("Tarvo::schedulerRootTarvo()"));
+  }
+
+  std::thread([] {
+    createExternalPerThreadSchedulerIs(&makeCustomRoot);
+    createExternalPerThreadSchedulerIs(&makeCustomRoot);  // the same one again is fine
+    EXPECT_EQ(schedulerRootTarvo()->schedulerName().str(), "custom");
+    try {
+      createExternalPerThreadSchedulerIs(&makeOtherRoot);
+      ADD_FAILURE() << "a second factory is refused";
+    } catch (const AssertException& e) {
+      EXPECT_THAT(e.message(), ContainsRegex("Cannot change the function, already set to 0x"));
+    }
+  }).join();
+
+  schedulerRootTarvoIs(mine);  // the same root: nothing happens
+  std::shared_ptr<TaskSchedulerRoot> other = makeOtherRoot();
+  try {
+    schedulerRootTarvoIs(other);
+    ADD_FAILURE() << "replacing a root is refused";
+  } catch (const AssertException& e) {
+    EXPECT_THAT(e.message(), HasSubstr("Existing per thread scheduler " +
+                                       mine->schedulerName().str() + " new other"));
+  }
+  EXPECT_EQ(schedulerRootTarvoIfExists(), mine);
+  schedulerRootTarvoIs(nullptr);
+  EXPECT_EQ(schedulerRootTarvoIfExists(), nullptr);
+  schedulerRootTarvoIs(other);
+  EXPECT_EQ(schedulerRootTarvo(), other);
+}
+
+// Counts readiness of one descriptor and stops watching after the first.
+struct OneRead : Platform::FdEventHandler {
+  int reads = 0;
+  std::shared_ptr<Platform::FdControl> control = Platform::getFdControl(this);
+  void readFdEvent(int) override {
+    ++reads;
+    control->setReads(false);
+  }
+  void writeFdEvent(int) override {}
+};
+
+TEST_F(RootTarvoTest, ForkedChildSchedulesAndRunsOnItsOwnLoop) {
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  ASSERT_EQ(write(fds[1], "x", 1), 1);
+  OneRead watch;
+  watch.control->setFd(fds[0]);  // watched by the parent's base while it forks
+  auto task = loggingTask(root, TaskPriority::normal, "t", log);
+
+  auto child = Tarvo::Test::runInChild([&] {
+    // The child stops watching: on a base still sharing the parent's kernel state this
+    // would silence the parent's watch too.
+    watch.control->setReads(false);
+    // Another thread of the child: the inherited root's wrong-thread check stands down.
+    std::thread([&] { task->scheduleTask(); }).join();
+    Platform::doEventLoop();
+    return log == Log{"t"} ? 0 : 1;
+  });
+  EXPECT_EQ(child.exitCode, 0) << child.err;
+
+  task->scheduleTask();
+  Platform::doEventLoop(5.0);
+  EXPECT_EQ(watch.reads, 1) << "the parent's descriptor watch survived the child";
+  EXPECT_EQ(log, (Log{"t"}));
+  close(fds[0]);
+  close(fds[1]);
+}
+
+}  // namespace
+}  // namespace Tarvo
