@@ -1,48 +1,162 @@
-// A first look at libTarvo's trace facility.
+// tarvo-demo: a small agent built on libTarvo. Copy it to start your own.
 //
-// Run it plain, then with the environment changed, and compare:
-//   ./tarvo-demo                                   levels 0 and 1 of "Tarvo*" handlers
-//   TRACE='TarvoDemo/*' ./tarvo-demo                every level of the demo's handler
-//   TRACEFORMAT=time,level,func-name ./tarvo-demo   another line prefix
-//   TRACEFILE=/tmp/demo.trace ./tarvo-demo          lines go to the file instead of stderr
+// The main thread's root scheduler runs three tasks:
+//   - "crunch"  (low):    a long job (summing 1..N) that works in slices: it checks
+//                         taskShouldYield() and schedules itself again until it is done;
+//   - "ticker"  (normal): a short task that reschedules itself a fixed number of times;
+//   - "warden"  (high):   woken every 2 ms by a platform timer; it suspends "crunch" on one
+//                         wake and resumes it on the next.
+// A second thread has its own root and loop and runs its own task, "echo".
+// At the end the demo prints the main thread's scheduling history and per-task figures.
+//
+// Try it with the trace facility:
+//   TRACE='TarvoDemo/*' ./tarvo-demo                     every level of the demo's trace
+//   TRACE='TaskScheduler/8' ./tarvo-demo                 the scheduler's view of each run
+//   TRACEFORMAT=time,level,func-name ./tarvo-demo        another line prefix
+//   TRACEFILE=/tmp/demo.trace ./tarvo-demo               trace lines into a file
+#include <boost/format.hpp>
+#include <chrono>
 #include <iostream>
+#include <memory>
+#include <thread>
+#include <vector>
 
 #include "Tarvo/Debug.h"
-#include "Tarvo/Exception.h"
+#include "Tarvo/Platform.h"
+#include "Tarvo/TaskScheduler.h"
+
+using namespace std::chrono_literals;
+using Tarvo::TaskPriority;
 
 namespace {
 
-// A class that traces: it owns a handler named after itself.
-class Greeter : public Tarvo::Debuggable {
- public:
-  Greeter() : Tarvo::Debuggable("TarvoDemo") {}
+// The demo's own trace handler; levels 0 and 1 are on by default for names starting "Tarvo".
+Tarvo::Platform::DebugHandler& trace() {
+  static Tarvo::Platform::DebugHandler* handler = Tarvo::Platform::getDebugHandler("TarvoDemo");
+  return *handler;
+}
 
-  void greet(const std::string& who, int times) {
-    TARVO_TRACE(debugHandler(), 1, "greeting " << who << " " << times << " times");
-    for (int i = 0; i < times; ++i) {
-      // Level 5 is off by default: this message is never even formatted.
-      TARVO_TRACE(debugHandler(), 5, "hello " << who << " #" << i);
+// A long job done in slices: each run works until the scheduler says to yield, then goes
+// back to the end of its queue so that other tasks get their turn.
+class Crunch : public Tarvo::Task {
+ public:
+  Crunch(std::shared_ptr<Tarvo::TaskScheduler> root, uint64_t n)
+      : Task(std::move(root), TaskPriority::low, "crunch"), n_(n) {
+    taskQuantumIs(200us);  // a short quantum, so that the demo shows many slices
+  }
+  void taskExecute() override {
+    uint64_t done = 0;
+    while (next_ <= n_ && !(done % 1024 == 0 && taskShouldYield())) {
+      sum_ += next_++;
+      ++done;
+    }
+    taskWorkCountInc(done);
+    if (next_ <= n_) {
+      scheduleTask();
+    } else {
+      TARVO_TRACE(trace(), 1, "crunch done: sum " << sum_);
     }
   }
+  bool finished() const { return next_ > n_; }
+  uint64_t sum() const { return sum_; }
+
+ private:
+  uint64_t n_;
+  uint64_t next_ = 1;
+  uint64_t sum_ = 0;
 };
+
+// A task that runs `times` times, rescheduling itself after each run.
+class Repeater : public Tarvo::Task {
+ public:
+  Repeater(std::shared_ptr<Tarvo::TaskScheduler> root, TaskPriority priority, const char* name,
+           int times)
+      : Task(std::move(root), priority, name), left_(times) {}
+  void taskExecute() override {
+    TARVO_TRACE(trace(), 5, taskName() << " run, " << left_ - 1 << " to go");
+    if (--left_ > 0) {
+      scheduleTask();
+    }
+  }
+
+ private:
+  int left_;
+};
+
+// Woken by a platform timer; alternately suspends and resumes the crunch task. A suspended
+// task keeps its place in no queue and runs again only once resumed.
+class Warden : public Tarvo::Task, public Tarvo::Platform::TimeoutHandler {
+ public:
+  Warden(std::shared_ptr<Tarvo::TaskScheduler> root, Crunch& crunch)
+      : Task(std::move(root), TaskPriority::high, "warden"), crunch_(crunch) {}
+  void start() { timer_->setTimeout(0.002); }
+  void timeout() override { scheduleTask(); }  // the timer makes the task runnable
+  void taskExecute() override {
+    if (crunch_.finished()) {
+      return;  // nothing left to watch: the timer is not re-armed and the loop can end
+    }
+    crunch_.taskSuspendedIs(!crunch_.taskSuspended());
+    TARVO_TRACE(trace(), 3, (crunch_.taskSuspended() ? "suspended" : "resumed") << " crunch");
+    timer_->setTimeout(0.002);
+  }
+
+ private:
+  Crunch& crunch_;
+  std::shared_ptr<Tarvo::Platform::TimerControl> timer_ = Tarvo::Platform::getTimerControl(this);
+};
+
+void printTaskFigures(const Tarvo::TaskScheduler& scheduler) {
+  std::vector<Tarvo::TaskStat> stats;
+  scheduler.getTaskStats(&stats, true);
+  std::cout << boost::format("%-8s %-9s %6s %12s %14s %10s\n") % "task" % "priority" % "runs" %
+                   "run time us" % "max latency us" % "work";
+  for (const Tarvo::TaskStat& s : stats) {
+    std::cout << boost::format("%-8s %-9s %6u %12.1f %14.1f %10u\n") % s.taskName() %
+                     s.taskPriority() % s.taskRunCount() % (s.taskTotalRunTime().count() / 1e3) %
+                     (s.taskSchedulingLatencyHighWaterMark().count() / 1e3) %
+                     s.taskWorkCountTotal();
+  }
+}
 
 }  // namespace
 
 int main() {
-  Greeter greeter;
-  greeter.greet("world", 3);
+  std::cout << "libTarvo demo: one agent, two threads, each with its own scheduler root.\n";
 
-  std::cout << "Trace settings and handlers now in force:" << std::endl;
-  Tarvo::Platform::dumpTarvoDebugMap();
+  // A second thread: its own root (named after the thread), its own loop, its own task.
+  unsigned echoRuns = 0;
+  std::string echoRoot;
+  std::thread worker([&] {
+    std::shared_ptr<Tarvo::TaskSchedulerRoot> root = Tarvo::schedulerRootTarvo();
+    auto echo = std::make_shared<Repeater>(root, TaskPriority::normal, "echo", 1000);
+    echo->scheduleTask();
+    Tarvo::Platform::doEventLoop();  // returns when nothing is left to run or wait for
+    echoRuns = echo->taskRunCount();
+    echoRoot = root->schedulerName().str();
+  });
 
-  // Turn on level 5 at run time, as an operator would with TRACE=TarvoDemo/5.
-  Tarvo::Platform::setupTarvoDebug("TarvoDemo/5");
-  greeter.greet("operator", 2);
+  std::shared_ptr<Tarvo::TaskSchedulerRoot> root = Tarvo::schedulerRootTarvo();
+  auto crunch = std::make_shared<Crunch>(root, 20'000'000);
+  auto ticker = std::make_shared<Repeater>(root, TaskPriority::normal, "ticker", 50);
+  auto warden = std::make_shared<Warden>(root, *crunch);
+  crunch->scheduleTask();
+  ticker->scheduleTask();
+  warden->start();
 
-  try {
-    Tarvo::RuntimeException::throwException("something went wrong");
-  } catch (const Tarvo::Exception& e) {
-    TARVO_TRACE(greeter.debugHandler(), 0, "caught " << e.name() << ": " << e.message());
-  }
-  return 0;
+  const auto started = std::chrono::steady_clock::now();
+  Tarvo::Platform::doEventLoop(10.0);  // bounded: at most ten seconds
+  const auto elapsed = std::chrono::steady_clock::now() - started;
+  worker.join();
+
+  std::cout << "\nMain thread root " << root->schedulerName() << ": crunch summed 1.." << 20'000'000
+            << " = " << crunch->sum() << " in " << crunch->taskRunCount() << " slices over "
+            << std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count()
+            << " ms, interleaved with the other tasks.\n"
+            << "Worker thread root " << echoRoot << ": echo ran " << echoRuns << " times.\n";
+
+  std::cout << "\nThe last 12 scheduling events on the main thread (newest first):\n";
+  root->printHistory(std::cout, 12);
+  std::cout << "\nPer-task figures on the main thread:\n";
+  printTaskFigures(*root);
+  return crunch->finished() ? 0 : 1;
 }
