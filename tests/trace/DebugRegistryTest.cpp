@@ -21,11 +21,14 @@ struct HandlerDeleter {
 };
 using HandlerPtr = std::unique_ptr<Platform::DebugHandler, HandlerDeleter>;
 
-HandlerPtr handler(const std::string& name) { return HandlerPtr(Platform::getDebugHandler(name)); }
+HandlerPtr handler(const std::string& name) {
+  return HandlerPtr(Platform::getDebugHandler(name));
+}
 
 constexpr uint32_t bits(std::initializer_list<unsigned> levels) {
   uint32_t mask = 0;
-  for (unsigned l : levels) mask |= 1u << l;
+  for (unsigned l : levels)
+    mask |= 1u << l;
   return mask;
 }
 
@@ -215,25 +218,22 @@ TEST(TraceRegistryDeathTest, RegistryOperationsWithoutTheLockAbort) {
   EXPECT_DEATH(Zel::DebugHandler("x", 0, false), "DebugHandler::DebugHandler\\(\\) no loco");
 }
 
-TEST(TraceRegistry, StarStarTurnsOnEveryLevelOfEveryHandler) {
-  auto result = Tarvo::Test::runInChild([] {
+// Process-wide settings, so each runs in a child process.
+TEST(TraceRegistry, StarStarReachesEveryHandlerAndClearingTheDefaultRemovesIt) {
+  auto starStar = Tarvo::Test::runInChild([] {
     HandlerPtr before = handler("RegStarBefore");
     Platform::setupTarvoDebug("*/*");
-    HandlerPtr after = handler("RegStarAfter");
-    return before->levelMask() == 0x3ff && after->levelMask() == 0x3ff ? 0 : 1;
+    return before->levelMask() == 0x3ff && handler("RegStarAfter")->levelMask() == 0x3ff ? 0 : 1;
   });
-  EXPECT_EQ(result.exitCode, 0) << result.err;
-}
-
-TEST(TraceRegistry, ClearingTheLibraryDefaultRemovesItsSetting) {
-  auto result = Tarvo::Test::runInChild([] {
+  EXPECT_EQ(starStar.exitCode, 0) << starStar.err;
+  auto clearDefault = Tarvo::Test::runInChild([] {
     HandlerPtr h = handler("TarvoClearDefault");
     Platform::clearTarvoDebug("Tarvo*/01");
     const bool ok = h->levelMask() == 0 && handler("TarvoLater")->levelMask() == 0 &&
                     registryListing().find("Tarvo*/") == std::string::npos;
     return ok ? 0 : 1;
   });
-  EXPECT_EQ(result.exitCode, 0) << result.out << result.err;
+  EXPECT_EQ(clearDefault.exitCode, 0) << clearDefault.out << clearDefault.err;
 }
 
 TEST(TraceRegistry, TraceFromEnvironmentAddsToTheLibraryDefault) {
@@ -244,6 +244,6 @@ TEST(TraceRegistry, TraceFromEnvironmentAddsToTheLibraryDefault) {
     return;
   }
   auto result = Tarvo::Test::runSelf("TraceRegistry.TraceFromEnvironmentAddsToTheLibraryDefault",
-                              {"TRACE=Tarvo*/5,EnvFoo/2,EnvFoo/3"});
+                                     {"TRACE=Tarvo*/5,EnvFoo/2,EnvFoo/3"});
   EXPECT_EQ(result.exitCode, 0) << result.out << result.err;
 }

@@ -54,22 +54,21 @@ TEST(Exception, WhatCarriesNameMessageAndBacktrace) {
 }
 
 TEST(Exception, EveryClassNamesItselfAndKeepsItsBase) {
-  EXPECT_EQ(thrownName<Exception>(&Exception::throwException), "Tarvo::Exception");
-  EXPECT_EQ(thrownName<Exception>(&AssertException::throwException), "Tarvo::AssertException");
-  EXPECT_EQ(thrownName<Exception>(&MemoryResourceException::throwException),
-            "Tarvo::MemoryResourceException");
-  EXPECT_EQ(thrownName<Exception>(&NoPermissionException::throwException),
-            "Tarvo::NoPermissionException");
-  EXPECT_EQ(thrownName<Exception>(&UnimplementedException::throwException),
-            "Tarvo::UnimplementedException");
-  EXPECT_EQ(thrownName<Exception>(&InvalidInitializeException::throwException),
-            "Tarvo::InvalidInitializeException");
-  EXPECT_EQ(thrownName<std::exception>(&RuntimeException::throwException),
-            "Tarvo::RuntimeException");
-  EXPECT_EQ(thrownName<Exception>(&OutOfRangeException::throwException),
-            "Tarvo::OutOfRangeException");
-  EXPECT_EQ(thrownName<Exception>(&CorruptionDetectedException::throwException),
-            "Tarvo::CorruptionDetectedException");
+  const std::pair<void (*)(const std::string&), const char*> classes[] = {
+      {&Exception::throwException, "Tarvo::Exception"},
+      {&AssertException::throwException, "Tarvo::AssertException"},
+      {&MemoryResourceException::throwException, "Tarvo::MemoryResourceException"},
+      {&NoPermissionException::throwException, "Tarvo::NoPermissionException"},
+      {&UnimplementedException::throwException, "Tarvo::UnimplementedException"},
+      {&InvalidInitializeException::throwException, "Tarvo::InvalidInitializeException"},
+      {&RuntimeException::throwException, "Tarvo::RuntimeException"},
+      {&OutOfRangeException::throwException, "Tarvo::OutOfRangeException"},
+      {&CorruptionDetectedException::throwException, "Tarvo::CorruptionDetectedException"},
+      {&InvalidSizeException::throwException, "Tarvo::InvalidSizeException"},
+  };
+  for (auto [raise, name] : classes) {
+    EXPECT_EQ(thrownName<std::exception>(raise), name);
+  }
   EXPECT_EQ(thrownName<CorruptionDetectedException>(&InvalidSizeException::throwException),
             "Tarvo::InvalidSizeException");
 }

@@ -94,8 +94,9 @@ TEST_F(TraceOutput, InvalidFieldChangesNothingAndHelpListsFields) {
   EXPECT_EQ(before, "0 0 1 0 0 1 0 0\n");
   testing::internal::CaptureStderr();
   Platform::setTraceFormat("date,bogus");
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "bogus is an invalid field in TRACEFORMAT\nSet TRACEFORMAT=help for more information.\n");
+  EXPECT_EQ(
+      testing::internal::GetCapturedStderr(),
+      "bogus is an invalid field in TRACEFORMAT\nSet TRACEFORMAT=help for more information.\n");
   EXPECT_EQ(formatFlags(), before);
   testing::internal::CaptureStderr();
   Platform::setTraceFormat("help");
@@ -171,7 +172,8 @@ TEST_F(TraceOutput, LinesFromManyThreadsStayWhole) {
       }
     });
   }
-  for (auto& thread : threads) thread.join();
+  for (auto& thread : threads)
+    thread.join();
 
   std::istringstream lines(readFile(path));
   std::string line;
@@ -199,7 +201,7 @@ TEST(TraceOutputAtLoad, EnvironmentFormatAndFileApplyAtStartup) {
   Tarvo::Test::TempDir dir;
   const std::string path = dir.file("load.log");
   auto result = Tarvo::Test::runSelf("TraceOutputAtLoad.EnvironmentFormatAndFileApplyAtStartup",
-                              {"TRACEFORMAT=level,pid", "TRACEFILE=" + path});
+                                     {"TRACEFORMAT=level,pid", "TRACEFILE=" + path});
   EXPECT_EQ(result.exitCode, 0) << result.out << result.err;
   EXPECT_THAT(result.err, ::testing::Not(HasSubstr("to the file")));
   EXPECT_THAT(readFile(path), MatchesRegex("[0-9]+ 1 to the file\n"));
@@ -211,7 +213,7 @@ TEST(TraceOutputAtLoad, InvalidEnvironmentFormatKeepsTheDefault) {
     return;
   }
   auto result = Tarvo::Test::runSelf("TraceOutputAtLoad.InvalidEnvironmentFormatKeepsTheDefault",
-                              {"TRACEFORMAT=time,nonsense"});
+                                     {"TRACEFORMAT=time,nonsense"});
   EXPECT_EQ(result.exitCode, 0) << result.out << result.err;
   EXPECT_THAT(result.err, HasSubstr("nonsense is an invalid field in TRACEFORMAT"));
 }
