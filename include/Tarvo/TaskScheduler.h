@@ -472,6 +472,9 @@ class TaskSchedulerRoot : public TaskScheduler {
 
  private:
   void sanityCheckSlow() const;
+  // Records a change of virtual time or of the test yield ratio and re-derives every task's
+  // yield mode.
+  void yieldSwitchChanged(TaskSchedulerEventType event);
 
   std::set<TaskScheduler*> registeredSchedulers_;
   unsigned schedulerCount_ = 1;

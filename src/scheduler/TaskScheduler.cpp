@@ -1,20 +1,12 @@
 #include "Tarvo/TaskScheduler.h"
 
-#include <sstream>
-
 #include "Tarvo/Exception.h"
+#include "scheduler/SchedulerText.h"
 #include "scheduler/SchedulerTrace.h"
 
 namespace Tarvo {
 
 namespace {
-template <typename... Parts>
-std::string concat(const Parts&... parts) {
-  std::ostringstream os;
-  (os << ... << parts);
-  return os.str();
-}
-
 // Starvation weights per priority: how strongly a waiting task of that priority pushes
 // against the priority above it.
 constexpr uint32_t kBumpWeight[] = {64, 8, 1};
