@@ -29,10 +29,7 @@ void _TaskBase::taskStatsNameIs(const std::string& name) {
   taskStatsName_ = scheduler_->nameCache().intern(name);
 }
 
-void _TaskBase::taskBusyIs(bool busy, const TaskTimePoint& now) {
-  if (busy == taskBusy_) {
-    return;
-  }
+void _TaskBase::taskBusyChanged(bool busy, const TaskTimePoint& now) {
   taskBusy_ = busy;
   taskHistoryInsert(now, busy ? TaskSchedulerEventType::busy : TaskSchedulerEventType::idle);
   handleTaskBusy();

@@ -84,10 +84,7 @@ void TaskScheduler::enqueue(TaskImpl& task) {
   ++queue.enqueueCount;
 }
 
-void TaskScheduler::schedulerHasRunnableTasksIs(bool runnable, const TaskTimePoint& now) {
-  if (runnable == schedulerHasRunnableTasks_) {
-    return;
-  }
+void TaskScheduler::schedulerRunnableChanged(bool runnable, const TaskTimePoint& now) {
   schedulerHasRunnableTasks_ = runnable;
   if (runnable) {
     TARVO_TRACE(schedulerTrace(), 8, this << " Scheduler has runnable tasks, request run");
@@ -155,7 +152,7 @@ TaskImpl* TaskScheduler::pickOneTask(const TaskTimePoint& now, TaskPriority from
       queue.consecutivePicks = 0;
       continue;
     }
-    if (attemptLowerPriorityBump(TaskPriority(static_cast<int>(p)), queue.consecutivePicks)) {
+    if (lowerPriorityDue(p, queue.consecutivePicks)) {
       TaskImpl* lower = pickOneTask(now, TaskPriority(static_cast<int>(p + 1)));
       if (lower) {
         queue.consecutivePicks = 0;
@@ -181,7 +178,10 @@ void TaskScheduler::taskSchedulerUnlinkTask(TaskRunQueues::TaskRunQueue& queue, 
 }
 
 bool TaskScheduler::attemptLowerPriorityBump(TaskPriority priority, unsigned consecutive) const {
-  unsigned p = priority.value();
+  return lowerPriorityDue(priority.value(), consecutive);
+}
+
+bool TaskScheduler::lowerPriorityDue(unsigned p, unsigned consecutive) const {
   if (p != TaskPriority::high && p != TaskPriority::normal) {
     return false;
   }
