@@ -32,6 +32,7 @@ class TaskTest : public ::testing::Test {
 };
 
 TEST_F(TaskTest, QuantumIsAtMostOneSecondAndRunsCountViolationsAtTwiceAndFiveTimesIt) {
+  EXPECT_EQ(task->taskQuantum(), 20ms);
   task->taskQuantumIs(1s);
   task->taskQuantumNoCheckIs(5s);
   EXPECT_EQ(task->taskQuantum(), 5s);
