@@ -95,7 +95,12 @@ class _TaskBase : public std::enable_shared_from_this<_TaskBase> {
   // Ends the process with "Need a TaskScheduler" when `scheduler` is null.
   _TaskBase(std::shared_ptr<TaskScheduler>&& scheduler, TaskPriority priority,
             const std::string& name);
-  void taskBusyIs(bool busy, const TaskTimePoint& now);
+  void taskBusyIs(bool busy, const TaskTimePoint& now) {
+    if (busy != taskBusy_) {
+      taskBusyChanged(busy, now);
+    }
+  }
+  void taskBusyChanged(bool busy, const TaskTimePoint& now);
 
   std::shared_ptr<TaskScheduler> scheduler_;
   ConstStringRef taskName_;
@@ -203,9 +208,9 @@ class TaskImpl : public _TaskBase {
   friend class TaskScheduler;
 
   void handleInitialized();
-  static uint32_t magicNumberAfterRun(const TaskImpl* task);
+  __attribute__((visibility("hidden"))) static uint32_t magicNumberAfterRun(const TaskImpl* task);
   void unscheduleTaskPrivate(const TaskTimePoint& now);
-  void schedulingLatencyIs(nanoseconds latency) noexcept;
+  __attribute__((visibility("hidden"))) void schedulingLatencyIs(nanoseconds latency) noexcept;
   void taskTestYieldRatioEffectiveIs(uint8_t r);
   void taskShouldYieldModeIs(TaskShouldYieldMode mode);
   bool taskRegistered() const noexcept { return taskRegisteredLink_.isLinked(); }
@@ -314,7 +319,11 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
   // Whether a lower priority gets a turn before `priority` (weights 64, 8, 1).
   bool attemptLowerPriorityBump(TaskPriority priority, unsigned consecutive) const;
   bool schedulerHasRunnableTasks() const noexcept { return schedulerHasRunnableTasks_; }
-  void schedulerHasRunnableTasksIs(bool runnable, const TaskTimePoint& now);
+  void schedulerHasRunnableTasksIs(bool runnable, const TaskTimePoint& now) {
+    if (runnable != schedulerHasRunnableTasks_) {
+      schedulerRunnableChanged(runnable, now);
+    }
+  }
   void requestSchedulerRunAndRecord(TaskTimePoint now);
   void checkSchedulerLatency();
   nanoseconds schedulerLatencyHighWaterMark() const noexcept {
@@ -368,9 +377,13 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
  private:
   friend class TaskImpl;
 
-  void enqueue(TaskImpl& task);
-  void taskSchedulerUnlinkTask(TaskRunQueues::TaskRunQueue& queue, TaskImpl& task,
-                               const TaskTimePoint& now);
+  // Library-internal helpers of the run path; hidden so that calls to them stay direct.
+  __attribute__((visibility("hidden"))) void enqueue(TaskImpl& task);
+  __attribute__((visibility("hidden"))) void taskSchedulerUnlinkTask(
+      TaskRunQueues::TaskRunQueue& queue, TaskImpl& task, const TaskTimePoint& now);
+  __attribute__((visibility("hidden"))) bool lowerPriorityDue(unsigned priority,
+                                                              unsigned consecutive) const;
+  void schedulerRunnableChanged(bool runnable, const TaskTimePoint& now);
 
   std::shared_ptr<TaskSchedulerHistory> history_;
   ConstStringRef schedulerName_;
@@ -472,6 +485,9 @@ class TaskSchedulerRoot : public TaskScheduler {
 
  private:
   void sanityCheckSlow() const;
+  // Records a change of virtual time or of the test yield ratio and re-derives every task's
+  // yield mode.
+  void yieldSwitchChanged(TaskSchedulerEventType event);
 
   std::set<TaskScheduler*> registeredSchedulers_;
   unsigned schedulerCount_ = 1;

@@ -1,20 +1,13 @@
 #include <exception>
-#include <sstream>
 
 #include "Tarvo/Exception.h"
 #include "Tarvo/TaskScheduler.h"
+#include "scheduler/SchedulerText.h"
 #include "scheduler/SchedulerTrace.h"
 
 namespace Tarvo {
 
 namespace {
-template <typename... Parts>
-std::string concat(const Parts&... parts) {
-  std::ostringstream os;
-  (os << ... << parts);
-  return os.str();
-}
-
 std::shared_ptr<TaskScheduler>&& checkedScheduler(std::shared_ptr<TaskScheduler>&& scheduler) {
   check(scheduler != nullptr, "Need a TaskScheduler");
   return std::move(scheduler);
@@ -36,10 +29,7 @@ void _TaskBase::taskStatsNameIs(const std::string& name) {
   taskStatsName_ = scheduler_->nameCache().intern(name);
 }
 
-void _TaskBase::taskBusyIs(bool busy, const TaskTimePoint& now) {
-  if (busy == taskBusy_) {
-    return;
-  }
+void _TaskBase::taskBusyChanged(bool busy, const TaskTimePoint& now) {
   taskBusy_ = busy;
   taskHistoryInsert(now, busy ? TaskSchedulerEventType::busy : TaskSchedulerEventType::idle);
   handleTaskBusy();

@@ -1,33 +1,27 @@
 #include "Tarvo/TaskPriority.h"
 
 #include <cstdio>
-#include <sstream>
 
 #include "Tarvo/Exception.h"
+#include "scheduler/SchedulerText.h"
 
 namespace Tarvo {
 
 namespace {
 const char* const kNames[] = {"absolute", "high", "normal", "low", "scavenge", "oneBeyondLast"};
 const char* const kLetters[] = {"A", "H", "N", "L", "S", "-"};
-
-std::string streamForm(TaskPriority priority) {
-  std::ostringstream os;
-  os << priority;
-  return os.str();
-}
 }  // namespace
 
 std::string TaskPriority::toStrep() const {
   if (value_ > oneBeyondLast) {
-    fatal("unexpected priority value " + streamForm(*this));
+    fatal(concat("unexpected priority value ", *this));
   }
   return kNames[value_];
 }
 
 std::string TaskPriority::oneCharString() const {
   if (value_ > oneBeyondLast) {
-    fatal("unexpected priority " + streamForm(*this));
+    fatal(concat("unexpected priority ", *this));
   }
   return kLetters[value_];
 }

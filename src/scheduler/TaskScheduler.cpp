@@ -1,20 +1,12 @@
 #include "Tarvo/TaskScheduler.h"
 
-#include <sstream>
-
 #include "Tarvo/Exception.h"
+#include "scheduler/SchedulerText.h"
 #include "scheduler/SchedulerTrace.h"
 
 namespace Tarvo {
 
 namespace {
-template <typename... Parts>
-std::string concat(const Parts&... parts) {
-  std::ostringstream os;
-  (os << ... << parts);
-  return os.str();
-}
-
 // Starvation weights per priority: how strongly a waiting task of that priority pushes
 // against the priority above it.
 constexpr uint32_t kBumpWeight[] = {64, 8, 1};
@@ -92,10 +84,7 @@ void TaskScheduler::enqueue(TaskImpl& task) {
   ++queue.enqueueCount;
 }
 
-void TaskScheduler::schedulerHasRunnableTasksIs(bool runnable, const TaskTimePoint& now) {
-  if (runnable == schedulerHasRunnableTasks_) {
-    return;
-  }
+void TaskScheduler::schedulerRunnableChanged(bool runnable, const TaskTimePoint& now) {
   schedulerHasRunnableTasks_ = runnable;
   if (runnable) {
     TARVO_TRACE(schedulerTrace(), 8, this << " Scheduler has runnable tasks, request run");
@@ -163,7 +152,7 @@ TaskImpl* TaskScheduler::pickOneTask(const TaskTimePoint& now, TaskPriority from
       queue.consecutivePicks = 0;
       continue;
     }
-    if (attemptLowerPriorityBump(TaskPriority(static_cast<int>(p)), queue.consecutivePicks)) {
+    if (lowerPriorityDue(p, queue.consecutivePicks)) {
       TaskImpl* lower = pickOneTask(now, TaskPriority(static_cast<int>(p + 1)));
       if (lower) {
         queue.consecutivePicks = 0;
@@ -189,7 +178,10 @@ void TaskScheduler::taskSchedulerUnlinkTask(TaskRunQueues::TaskRunQueue& queue, 
 }
 
 bool TaskScheduler::attemptLowerPriorityBump(TaskPriority priority, unsigned consecutive) const {
-  unsigned p = priority.value();
+  return lowerPriorityDue(priority.value(), consecutive);
+}
+
+bool TaskScheduler::lowerPriorityDue(unsigned p, unsigned consecutive) const {
   if (p != TaskPriority::high && p != TaskPriority::normal) {
     return false;
   }

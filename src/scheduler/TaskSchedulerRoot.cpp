@@ -1,23 +1,14 @@
 #include <unistd.h>
 
 #include <iostream>
-#include <sstream>
 
 #include "Tarvo/Exception.h"
 #include "Tarvo/Platform.h"
 #include "Tarvo/TaskScheduler.h"
+#include "scheduler/SchedulerText.h"
 #include "scheduler/SchedulerTrace.h"
 
 namespace Tarvo {
-
-namespace {
-template <typename... Parts>
-std::string concat(const Parts&... parts) {
-  std::ostringstream os;
-  (os << ... << parts);
-  return os.str();
-}
-}  // namespace
 
 TaskSchedulerRoot::TaskSchedulerRoot(const std::string& name, nanoseconds minimumTimerDelay)
     : TaskScheduler(name, this,
@@ -111,16 +102,18 @@ void TaskSchedulerRoot::suspendedIs(bool suspended) {
   }
 }
 
+void TaskSchedulerRoot::yieldSwitchChanged(TaskSchedulerEventType event) {
+  history()->insert(TaskClock::now(), event, this);
+  taskShouldYieldModeReevaluate();
+}
+
 void TaskSchedulerRoot::virtualTimeIs(bool on) {
   if (on == virtualTime_) {
     return;
   }
   virtualTime_ = on;
-  history()->insert(TaskClock::now(),
-                    on ? TaskSchedulerEventType::schedulerVirtualTimeOn
-                       : TaskSchedulerEventType::schedulerVirtualTimeOff,
-                    this);
-  taskShouldYieldModeReevaluate();
+  yieldSwitchChanged(on ? TaskSchedulerEventType::schedulerVirtualTimeOn
+                        : TaskSchedulerEventType::schedulerVirtualTimeOff);
 }
 
 void TaskSchedulerRoot::taskTestYieldRatioIs(uint8_t r) {
@@ -128,11 +121,8 @@ void TaskSchedulerRoot::taskTestYieldRatioIs(uint8_t r) {
     return;
   }
   taskTestYieldRatio_ = r;
-  history()->insert(TaskClock::now(),
-                    r ? TaskSchedulerEventType::schedulerTestYieldRatioOn
-                      : TaskSchedulerEventType::schedulerTestYieldRatioOff,
-                    this);
-  taskShouldYieldModeReevaluate();
+  yieldSwitchChanged(r ? TaskSchedulerEventType::schedulerTestYieldRatioOn
+                       : TaskSchedulerEventType::schedulerTestYieldRatioOff);
 }
 
 void TaskSchedulerRoot::taskShouldYieldModeReevaluate() {

@@ -1,8 +1,7 @@
 // The scheduler's task statistics: snapshots of live tasks and the dead-task records.
-#include <sstream>
-
 #include "Tarvo/Exception.h"
 #include "Tarvo/TaskScheduler.h"
+#include "scheduler/SchedulerText.h"
 
 namespace Tarvo {
 
@@ -62,24 +61,18 @@ void TaskScheduler::updateDeadTaskStats(TaskImpl* task) {
   const _TaskBase* base = task;
   TaskPriority priority = task->taskPriority();
   if (!priority.valid()) {
-    std::ostringstream os;
-    os << priority;
-    fatal(os.str());
+    fatal(concat(priority));
   }
   TaskStat stat = task->getStats();
   stat.taskNameIs(task->taskStatsName());
   if (stat.taskDeadCount() != 0) {
-    std::ostringstream os;
-    os << "Task: " << base << " deadCount: " << stat.taskDeadCount();
-    fatal(os.str());
+    fatal(concat("Task: ", base, " deadCount: ", stat.taskDeadCount()));
   }
   stat.taskDeadCountIs(1);
   deadTaskStatsInc(task->taskStatsName(), std::move(stat));
   unsigned live = tasksPerPriority(priority);
   if (live == 0) {
-    std::ostringstream os;
-    os << "Task: " << base << " tasksPerPriority: " << live;
-    fatal(os.str());
+    fatal(concat("Task: ", base, " tasksPerPriority: ", live));
   }
   tasksPerPriorityDec(priority);
   deadTasksPerPriorityInc(priority);

@@ -1,10 +1,10 @@
-// Tasks whose body is a function, and a log of which task ran, for the scheduler suites.
+// Tasks whose body is a function, and a run log, for the scheduler suites.
 #pragma once
 
 #include <functional>
 #include <memory>
 #include <string>
-#include <vector>
+#include <type_traits>
 
 #include "Tarvo/TaskScheduler.h"
 
@@ -28,14 +28,18 @@ class FnTask : public Task {
   Body body_;
 };
 
-// A task that appends its name to `log` on each run and reschedules itself while `again`
-// says so.
-inline std::shared_ptr<FnTask> loggingTask(const std::shared_ptr<TaskScheduler>& scheduler,
-                                           TaskPriority priority, const std::string& name,
-                                           std::vector<std::string>& log,
-                                           std::function<bool()> again = {}) {
+// A task that appends its name to `log` (a string or a vector of names) on each run and
+// reschedules itself while `again` says so.
+template <typename Log>
+std::shared_ptr<FnTask> loggingTask(const std::shared_ptr<TaskScheduler>& scheduler,
+                                    TaskPriority priority, const std::string& name, Log& log,
+                                    std::function<bool()> again = {}) {
   return std::make_shared<FnTask>(scheduler, priority, name, [&log, name, again](FnTask& t) {
-    log.push_back(name);
+    if constexpr (std::is_same_v<Log, std::string>) {
+      log += name;
+    } else {
+      log.push_back(name);
+    }
     if (again && again()) {
       t.scheduleTask();
     }

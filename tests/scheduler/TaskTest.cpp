@@ -3,7 +3,6 @@
 #include <memory>
 #include <vector>
 
-#include "Tarvo/Exception.h"
 #include "Tarvo/TaskScheduler.h"
 #include "scheduler/SchedulerTestSupport.h"
 
@@ -12,11 +11,12 @@ namespace {
 
 using namespace std::chrono_literals;
 using Test::FnTask;
+using Answers = std::vector<bool>;
 
 class TaskTest : public ::testing::Test {
  protected:
   std::shared_ptr<TaskSchedulerRootManual> root = std::make_shared<TaskSchedulerRootManual>("root");
-  std::vector<bool> answers;
+  Answers answers;  // taskShouldYield() asked six times per run
   std::shared_ptr<FnTask> task =
       std::make_shared<FnTask>(root, TaskPriority::normal, "task", [this](FnTask& t) {
         for (int i = 0; i < 6; ++i) {
@@ -31,7 +31,7 @@ class TaskTest : public ::testing::Test {
   }
 };
 
-TEST_F(TaskTest, QuantumLimitsAreOneSecondAndAboveZero) {
+TEST_F(TaskTest, QuantumIsAtMostOneSecondAndRunsCountViolationsAtTwiceAndFiveTimesIt) {
   EXPECT_EQ(task->taskQuantum(), 20ms);
   task->taskQuantumIs(1s);
   task->taskQuantumNoCheckIs(5s);
@@ -41,46 +41,38 @@ TEST_F(TaskTest, QuantumLimitsAreOneSecondAndAboveZero) {
   root->defaultTaskQuantumIs(7ms);
   EXPECT_EQ(std::make_shared<FnTask>(root, TaskPriority::normal, "later")->taskQuantum(), 7ms);
   EXPECT_EQ(task->taskQuantum(), 5s);
-}
 
-TEST_F(TaskTest, ViolationsCountAtTwiceAndFiveTimesTheQuantum) {
   task->taskQuantumIs(100ms);
-  runStartedAgo(190ms);
-  EXPECT_EQ(task->taskQuantumViolation200(), 0u);
-  runStartedAgo(200ms);
-  runStartedAgo(250ms);
-  runStartedAgo(480ms);
-  EXPECT_EQ(task->taskQuantumViolation200(), 3u);
-  EXPECT_EQ(task->taskQuantumViolation500(), 0u);
-  runStartedAgo(500ms);
-  runStartedAgo(2s);
-  EXPECT_EQ(task->taskQuantumViolation200(), 3u);
-  EXPECT_EQ(task->taskQuantumViolation500(), 2u);
-  EXPECT_GE(task->taskRunTimeHighWaterMark(), 2s);
-  EXPECT_LT(task->taskRunTimeHighWaterMark(), 2s + 50ms);
-  EXPECT_GE(task->taskRunTimeTotal(), 3620ms);
+  struct Case {
+    std::chrono::milliseconds ran;
+    uint32_t v200, v500;
+  };
+  for (Case c : {Case{190ms, 0, 0}, Case{200ms, 1, 0}, Case{480ms, 2, 0}, Case{500ms, 2, 1}}) {
+    runStartedAgo(c.ran);
+    EXPECT_EQ(task->taskQuantumViolation200(), c.v200) << c.ran.count();
+    EXPECT_EQ(task->taskQuantumViolation500(), c.v500) << c.ran.count();
+  }
+  EXPECT_GE(task->taskRunTimeHighWaterMark(), 500ms);
+  EXPECT_LT(task->taskRunTimeHighWaterMark(), 550ms);
+  EXPECT_GE(task->taskRunTimeTotal(), 1370ms);
 }
 
-TEST_F(TaskTest, TestYieldRatioYieldsOnEveryNthCall) {
+TEST_F(TaskTest, YieldFollowsTestRatioOrQuantumAndAbortsOutsideARun) {
+  EXPECT_TRUE(task->taskShouldYield()) << "before any run the real-time rule applies";
   task->taskTestYieldRatioIs(3);
   task->taskRunFromTest();
-  EXPECT_EQ(answers, (std::vector<bool>{false, false, true, false, false, true}));
+  root->taskTestYieldRatioIs(2);  // the task's own ratio wins over the root's
+  task->taskRunFromTest();
+  task->taskTestYieldRatioIs(0);  // without one, the root's applies afresh
+  task->taskRunFromTest();
+  Answers third{false, false, true, false, false, true};
+  Answers expected = third;
+  expected.insert(expected.end(), third.begin(), third.end());
+  expected.insert(expected.end(), {false, true, false, true, false, true});
+  EXPECT_EQ(answers, expected);
 
-  // The task's own ratio wins over the root's; without one the root's applies afresh.
-  root->taskTestYieldRatioIs(2);
-  task->taskRunFromTest();
-  task->taskTestYieldRatioIs(0);
-  task->taskRunFromTest();
-  EXPECT_EQ(answers,
-            (std::vector<bool>{false, false, true, false, false, true, false, false, true, false,
-                               false, true, false, true, false, true, false, true}));
   root->taskTestYieldRatioIs(0);
-  EXPECT_EQ(task->taskShouldYieldMode(), TaskImpl::realTime);
-}
-
-TEST_F(TaskTest, RealTimeYieldFollowsTheQuantumAndAbortsOutsideARun) {
-  // Before any run, outside taskExecute, the real-time rule applies: long past the quantum.
-  EXPECT_TRUE(task->taskShouldYield());
+  answers.clear();
   task->taskQuantumIs(1s);
   runStartedAgo(0s);
   runStartedAgo(2s);
@@ -88,7 +80,7 @@ TEST_F(TaskTest, RealTimeYieldFollowsTheQuantumAndAbortsOutsideARun) {
   EXPECT_EQ(answers[0], false);
   EXPECT_EQ(answers[6], true);
   EXPECT_EQ(answers[12], true);
-  EXPECT_DEATH(task->taskShouldYield(), "taskCurrentlyRunning: 0 taskRunCount: 3");
+  EXPECT_DEATH(task->taskShouldYield(), "taskCurrentlyRunning: 0 taskRunCount: 6");
 }
 
 TEST_F(TaskTest, WorkCountsKeepDecayingAverageAndSaturatingHighWaterMarks) {
@@ -101,7 +93,6 @@ TEST_F(TaskTest, WorkCountsKeepDecayingAverageAndSaturatingHighWaterMarks) {
   EXPECT_EQ(stat.taskWorkCountTotal(), 5000000030ull);
   EXPECT_EQ(stat.taskWorkCountHighWaterMark().value(), 4294967294u);
   EXPECT_EQ(stat.taskWorkPendingHighWaterMark().value(), 4294967294u);
-
   task->resetStats();
   EXPECT_FALSE(task->getStats().taskWorkCountHighWaterMark().recorded());
 }
@@ -125,26 +116,19 @@ TEST_F(TaskTest, SuspendResumeRunFromTestAndDestructionKeepTheQueueConsistent) {
   EXPECT_EQ(root->registeredTaskCount(), 0u);
 }
 
-TEST(TaskConstructionTest, RawSchedulerPointerNeedsSharedOwnership) {
+TEST(TaskDeathTest, ConstructionNeedsAnOwnedSchedulerAndDestructionInsideARunAborts) {
   struct Plain : Task {
     using Task::Task;
-    void taskExecute() override {}
+    void taskExecute() override { std::destroy_at(this); }
   };
   TaskSchedulerRootManual unowned("unowned");
   EXPECT_THROW(Plain(&unowned, TaskPriority::normal, "t"), std::bad_weak_ptr);
   EXPECT_DEATH(Plain(std::shared_ptr<TaskScheduler>(), TaskPriority::low, "x"),
                "Need a TaskScheduler");
-}
 
-TEST(TaskDeathTest, TaskDestroyedInsideItsOwnRunAborts) {
   auto root = std::make_shared<TaskSchedulerRootManual>("root");
-  struct SelfDestroying : Task {
-    using Task::Task;
-    void taskExecute() override { std::destroy_at(this); }
-  };
-  alignas(SelfDestroying) unsigned char storage[sizeof(SelfDestroying)];
-  auto* t = std::construct_at(reinterpret_cast<SelfDestroying*>(storage), root,
-                              TaskPriority::normal, "selfish");
+  alignas(Plain) unsigned char storage[sizeof(Plain)];
+  auto* t = std::construct_at(reinterpret_cast<Plain*>(storage), root, TaskPriority::normal, "x");
   EXPECT_DEATH(t->taskRunFromTest(),
                "Task: @0x[0-9a-f]+ taskMagicNumber: 3735936685 taskMagicNumberConstructed: "
                "1119771390");

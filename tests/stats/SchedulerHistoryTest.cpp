@@ -17,10 +17,10 @@ class SchedulerHistoryTest : public ::testing::Test {
   std::shared_ptr<TaskSchedulerRootManual> root = std::make_shared<TaskSchedulerRootManual>("root");
   TaskSchedulerHistory& history = *root->history();
 
-  // Inserts `n` scheduler events at 1000 + i microseconds.
-  void insertEvents(int n) {
-    for (int i = 0; i < n; ++i) {
-      history.insert(TaskTimePoint(1000us + std::chrono::microseconds(i)),
+  // Inserts scheduler events at `first`, `first` + 1 ... microseconds, `n` of them.
+  void insertEvents(int first, int n) {
+    for (int i = first; i < first + n; ++i) {
+      history.insert(TaskTimePoint(std::chrono::microseconds(i)),
                      TaskSchedulerEventType::schedulerIdle, root.get());
     }
   }
@@ -28,6 +28,11 @@ class SchedulerHistoryTest : public ::testing::Test {
     std::ostringstream os;
     root->printHistory(os, limit);
     return os.str();
+  }
+  static std::string header(unsigned n) {
+    std::string h = "Last " + std::to_string(n) +
+                    " scheduler events, absolute timestamp and relative to last event\n";
+    return h + std::string(h.size() - 1, '-') + "\n";
   }
   static std::string line(int64_t ns, int64_t us, const std::string& display) {
     std::ostringstream os;
@@ -37,25 +42,32 @@ class SchedulerHistoryTest : public ::testing::Test {
   }
 };
 
-const std::string kHeader100 =
-    "Last 100 scheduler events, absolute timestamp and relative to last event\n" +
-    std::string(72, '-') + "\n";
-
-TEST_F(SchedulerHistoryTest, PrintsNewestFirstWithExactLayout) {
+TEST_F(SchedulerHistoryTest, PrintsNewestFirstAndTruncatesAtTheLimit) {
   auto task = std::make_shared<Tarvo::Test::FnTask>(root, TaskPriority::normal, "worker");
   task->taskStatsNameIs("workers");
   root->clearHistory();
-  EXPECT_EQ(printed(TaskSchedulerHistory::noLimit), kHeader100 + "\n");
+  EXPECT_EQ(printed(TaskSchedulerHistory::noLimit), header(100) + "\n");
+  EXPECT_EQ(header(100).size(), 146u);
   history.insert(TaskTimePoint(5000000ns), TaskSchedulerEventType::schedulerRunnable, root.get());
   history.insert(TaskTimePoint(5002999ns), TaskSchedulerEventType::runStart, task.get());
   EXPECT_EQ(printed(TaskSchedulerHistory::noLimit),
-            kHeader100 + line(5002999, 0, "run start  workers") +
+            header(100) + line(5002999, 0, "run start  workers") +
                 line(5000000, 2, "schedulerRunnable root") + "\n");
+
+  // Three lines of ten, and the truncation line even when exactly three are held.
+  for (int held : {10, 3}) {
+    root->clearHistory();
+    insertEvents(1010 - held, held);
+    EXPECT_EQ(printed(3), header(3) + line(1009000, 0, "schedulerIdle root") +
+                              line(1008000, 1, "schedulerIdle root") +
+                              line(1007000, 2, "schedulerIdle root") +
+                              "Truncated due to requested limit\n\n");
+  }
 }
 
-TEST_F(SchedulerHistoryTest, RingKeepsTheNewestEventsOnWrapAround) {
+TEST_F(SchedulerHistoryTest, RingKeepsTheNewestEventsWhenFullOrShrunk) {
   root->clearHistory();
-  insertEvents(150);
+  insertEvents(1000, 150);
   EXPECT_EQ(history.size(), 100u);
   EXPECT_EQ(history.event(0).timestamp(), TaskTimePoint(1149us));
   EXPECT_EQ(history.event(99).timestamp(), TaskTimePoint(1050us));
@@ -63,25 +75,9 @@ TEST_F(SchedulerHistoryTest, RingKeepsTheNewestEventsOnWrapAround) {
   EXPECT_EQ(history.size(), 4u);
   EXPECT_EQ(history.event(3).timestamp(), TaskTimePoint(1146us));
   root->historyEntryCountIs(0);
-  insertEvents(3);
+  insertEvents(0, 3);
   EXPECT_EQ(history.size(), 0u);
   EXPECT_THROW(root->historyEntryCountIs(268435456), std::length_error);
-}
-
-TEST_F(SchedulerHistoryTest, LimitTruncatesEvenWhenNothingIsLeft) {
-  root->clearHistory();
-  insertEvents(10);
-  std::string header3 = "Last 3 scheduler events, absolute timestamp and relative to last event\n" +
-                        std::string(70, '-') + "\n";
-  std::string expected3 =
-      header3 + line(1009000, 0, "schedulerIdle root") + line(1008000, 1, "schedulerIdle root") +
-      line(1007000, 2, "schedulerIdle root") + "Truncated due to requested limit\n\n";
-  EXPECT_EQ(printed(3), expected3);
-  root->clearHistory();
-  history.insert(TaskTimePoint(1007us), TaskSchedulerEventType::schedulerIdle, root.get());
-  history.insert(TaskTimePoint(1008us), TaskSchedulerEventType::schedulerIdle, root.get());
-  history.insert(TaskTimePoint(1009us), TaskSchedulerEventType::schedulerIdle, root.get());
-  EXPECT_EQ(printed(3), expected3);
 }
 
 TEST_F(SchedulerHistoryTest, SchedulingStepsAreRecorded) {
@@ -89,13 +85,13 @@ TEST_F(SchedulerHistoryTest, SchedulingStepsAreRecorded) {
   root->clearHistory();
   task->scheduleTask();
   root->runUntilIdle();
-  std::vector<std::string> seen;
+  std::string seen;
   for (unsigned i = history.size(); i-- > 0;) {
-    seen.push_back(history.event(i).display());
+    seen += history.event(i).display() + "|";
   }
-  EXPECT_EQ(seen, (std::vector<std::string>{"schedule   t", "schedulerRunnable root",
-                                            "busy       t", "run start  t", "run end    t",
-                                            "idle       t", "schedulerIdle root"}));
+  EXPECT_EQ(seen,
+            "schedule   t|schedulerRunnable root|busy       t|run start  t|run end    t|"
+            "idle       t|schedulerIdle root|");
 }
 
 TEST(SchedulerHistoryDeathTest, EventTypeMustFitTheVariant) {
