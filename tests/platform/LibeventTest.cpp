@@ -406,11 +406,11 @@ struct TimerBase {
     std::for_each(events.begin(), events.end(), event_free);
     event_base_free(base);
   }
-  event* add(long sec, long usec = 0) {
+  event* add(long sec, long usec = 0, short flags = 0) {
     auto fire = [](evutil_socket_t, short, void* index) {
       fired.push_back(static_cast<int>(reinterpret_cast<intptr_t>(index)));
     };
-    events.push_back(event_new(base, -1, 0, fire, reinterpret_cast<void*>(events.size())));
+    events.push_back(event_new(base, -1, flags, fire, reinterpret_cast<void*>(events.size())));
     const timeval delay{sec, usec};
     event_add(events.back(), &delay);
     return events.back();
@@ -432,13 +432,17 @@ TEST(EventBaseTimeouts, FirstTimeoutIsTheEarliestAndSubtractionMakesPastTimersFi
   EXPECT_NE(event_base_get_first_timeout(timers.base, &first), 0);  // none pending
   std::vector<event*> events = {timers.add(30), timers.add(10), timers.add(20)};
   event_del(timers.add(1));
+  event* periodic = timers.add(10, 0, EV_PERSIST);
   ASSERT_EQ(event_base_get_first_timeout(timers.base, &first), 0);
   EXPECT_DOUBLE_EQ(seconds(first), timers.expiry(events[1]));
   std::vector<double> before;
   for (event* ev : events) {
     before.push_back(timers.expiry(ev));
   }
+  const double periodicBefore = timers.expiry(periodic);
   timers.subtract(25, 500000);
+  // Moving a persistent timed event would change its period for good, so it stays.
+  EXPECT_DOUBLE_EQ(timers.expiry(periodic), periodicBefore);
   for (size_t i = 0; i < events.size(); ++i) {
     EXPECT_NEAR(timers.expiry(events[i]), before[i] - 25.5, 0.01) << "timer " << i;
   }
