@@ -129,7 +129,7 @@ TEST(LibeventFdControlDeathTest, SetFdOnAClosedDescriptorEndsTheProcess) {
   EXPECT_DEATH(control->setFd(fd), "flags >= 0");
 }
 
-TEST(LibeventTimerControl, RemainingTimeoutFollowsArmingAndReArmingFromTheTimeoutWorks) {
+TEST(LibeventTimerControl, RemainingTimeoutFollowsArmingTimedRunsEndAndReArmingWorks) {
   Recorder recorder;
   auto control = Platform::getTimerControl(&recorder);
   control->setTimeout(30);
@@ -144,6 +144,10 @@ TEST(LibeventTimerControl, RemainingTimeoutFollowsArmingAndReArmingFromTheTimeou
   control->setTimeout(10);
   control->setTimeout(HUGE_VAL);  // never: disarms
   EXPECT_EQ(control->remainingTimeout(), HUGE_VAL);
+  control->setTimeout(60);  // a timed run does not wait for a far timer
+  const auto start = std::chrono::steady_clock::now();
+  Platform::doEventLoop(0.05);
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(45));
 
   // Re-armed from its own timeout it runs once per pass, until it destroys itself.
   recorder.action = [&] { recorder.timeouts < 6 ? control->setTimeout(0) : control.reset(); };
@@ -272,31 +276,20 @@ TEST(LibeventBase, ThreadExitFreesTheThreadsBaseAfterItsLastControl) {
   EXPECT_EQ(openFdCount(), fdsBefore);
 }
 
-TEST(LibeventBase, WaitForDefaultChild) {
-  if (!isChildRun()) {
-    GTEST_SKIP() << "child of WaitForDefaultIsReadOnce";
-  }
-  const double first = waitForDefaultTimeout();
-  setenv("WAITFOR_DEFAULT", "99", 1);
-  std::cerr << "[" << first << "|" << waitForDefaultTimeout() << "]" << std::flush;
-}
-
-TEST(LibeventBase, WaitForDefaultIsReadOnce) {
-  EXPECT_EQ(runSelf("LibeventBase.WaitForDefaultChild", {"WAITFOR_DEFAULT= 2.5s"}).err,
-            "[2.5|2.5]");
+TEST(LibeventBase, WaitForDefaultIsReadOnceAndABadValueIsReported) {
+  auto read = [](const char* value) {
+    return runInChild([value] {
+             setenv("WAITFOR_DEFAULT", value, 1);
+             const double first = waitForDefaultTimeout();
+             setenv("WAITFOR_DEFAULT", "99", 1);
+             std::cerr << "[" << first << "|" << waitForDefaultTimeout() << "]" << std::flush;
+             return 0;
+           })
+        .err;
+  };
+  EXPECT_EQ(read(" 2.5s"), "[2.5|2.5]");
   // Reported once, with no newline before what the child prints next.
-  EXPECT_EQ(runSelf("LibeventBase.WaitForDefaultChild", {"WAITFOR_DEFAULT=abc"}).err,
-            "Parsing the WAITFOR_DEFAULT env. variable failed[inf|inf]");
-}
-
-TEST(LibeventLoop, TimedRunWithAFarTimerEndsAfterTheSpan) {
-  Recorder recorder;
-  auto control = Platform::getTimerControl(&recorder);
-  control->setTimeout(60);
-  const auto start = std::chrono::steady_clock::now();
-  Platform::doEventLoop(0.05);
-  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(45));
-  EXPECT_EQ(recorder.timeouts, 0);
+  EXPECT_EQ(read("abc"), "Parsing the WAITFOR_DEFAULT env. variable failed[inf|inf]");
 }
 
 // The child's timed run also shows that such a run ends once nothing is left to wait for.
