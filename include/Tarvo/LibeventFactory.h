@@ -123,8 +123,6 @@ class LibeventFdControl : public Platform::FdControl, private Impl::LeControlCou
  private:
   static void handleFdRead(int fd, short what, void* control);
   static void handleFdWrite(int fd, short what, void* control);
-  void armRead();
-  void armWrite();
 
   Platform::FdEventHandler* handler_;
   int fd_ = -1;

@@ -43,6 +43,38 @@ void addEvent(event* ev, const timeval* timeout) {
   }
 }
 
+// Re-binds `ev` to `fd` with `flags`, keeping its callback, and watches it without timeout;
+// a negative `fd` leaves it bound to nothing and unwatched.
+void watch(event* ev, int fd, short flags) {
+  event_callback_fn callback = event_get_callback(ev);
+  void* control = event_get_callback_arg(ev);
+  event_del(ev);
+  event_assign(ev, leBaseOrInit(), fd, flags, callback, control);
+  if (fd >= 0) {
+    addEvent(ev, nullptr);
+  }
+}
+
+// Reads stay watched until switched off; a write interest yields at most one notification.
+constexpr short kReadFlags = EV_READ | EV_PERSIST;
+constexpr short kWriteFlags = EV_WRITE;
+
+// The handler may destroy the control from inside the notification, so the caller must not
+// touch the control after this returns.
+void notify(Platform::FdEventHandler* handler, int fd, void (Platform::FdEventHandler::*op)(int)) {
+  try {
+    try {
+      (handler->*op)(fd);
+    } catch (...) {
+      if (!handler->handleFdException(fd)) {
+        throw;
+      }
+    }
+  } catch (...) {
+    leParkException(std::current_exception());
+  }
+}
+
 }  // namespace
 
 void Impl::LeEventFree::operator()(event* ev) const {
@@ -61,18 +93,6 @@ LibeventFdControl::~LibeventFdControl() {
   delFd();
 }
 
-void LibeventFdControl::armRead() {
-  event_del(readEvent_.get());
-  event_assign(readEvent_.get(), leBaseOrInit(), fd_, EV_READ | EV_PERSIST, handleFdRead, this);
-  addEvent(readEvent_.get(), nullptr);
-}
-
-void LibeventFdControl::armWrite() {
-  event_del(writeEvent_.get());
-  event_assign(writeEvent_.get(), leBaseOrInit(), fd_, EV_WRITE, handleFdWrite, this);
-  addEvent(writeEvent_.get(), nullptr);
-}
-
 void LibeventFdControl::setFd(int fd) {
   fd_ = fd;
   int flags = fcntl(fd, F_GETFL);
@@ -80,45 +100,30 @@ void LibeventFdControl::setFd(int fd) {
   int result = fcntl(fd, F_SETFL, flags | O_NONBLOCK);
   check(result == 0, "result == 0");
   if (reads_) {
-    armRead();
+    watch(readEvent_.get(), fd_, kReadFlags);
   }
   if (writes_) {
-    armWrite();
+    watch(writeEvent_.get(), fd_, kWriteFlags);
   }
 }
 
 void LibeventFdControl::setReads(bool on) {
   reads_ = on;
-  if (fd_ < 0) {
-    return;
-  }
-  if (on) {
-    armRead();
-  } else {
-    event_del(readEvent_.get());
-    event_assign(readEvent_.get(), leBaseOrInit(), -1, 0, handleFdRead, this);
+  if (fd_ >= 0) {
+    watch(readEvent_.get(), on ? fd_ : -1, kReadFlags);
   }
 }
 
 void LibeventFdControl::setWrites(bool on) {
   writes_ = on;
-  if (fd_ < 0) {
-    return;
-  }
-  if (on) {
-    armWrite();
-  } else {
-    event_del(writeEvent_.get());
-    event_assign(writeEvent_.get(), leBaseOrInit(), -1, 0, handleFdWrite, this);
+  if (fd_ >= 0) {
+    watch(writeEvent_.get(), on ? fd_ : -1, kWriteFlags);
   }
 }
 
 void LibeventFdControl::clearEvents() {
-  event_base* base = leBaseOrInit();
-  event_del(readEvent_.get());
-  event_assign(readEvent_.get(), base, -1, 0, handleFdRead, this);
-  event_del(writeEvent_.get());
-  event_assign(writeEvent_.get(), base, -1, 0, handleFdWrite, this);
+  watch(readEvent_.get(), -1, kReadFlags);
+  watch(writeEvent_.get(), -1, kWriteFlags);
 }
 
 void LibeventFdControl::delFd() {
@@ -130,40 +135,14 @@ int LibeventFdControl::getFd() const {
   return fd_;
 }
 
-// The handler may destroy this control from inside the notification, so nothing of the
-// control is touched after the call.
 void LibeventFdControl::handleFdRead(int, short, void* control) {
   auto* self = static_cast<LibeventFdControl*>(control);
-  Platform::FdEventHandler* handler = self->handler_;
-  int fd = self->getFd();
-  try {
-    try {
-      handler->readFdEvent(fd);
-    } catch (...) {
-      if (!handler->handleFdException(fd)) {
-        throw;
-      }
-    }
-  } catch (...) {
-    leParkException(std::current_exception());
-  }
+  notify(self->handler_, self->getFd(), &Platform::FdEventHandler::readFdEvent);
 }
 
 void LibeventFdControl::handleFdWrite(int, short, void* control) {
   auto* self = static_cast<LibeventFdControl*>(control);
-  Platform::FdEventHandler* handler = self->handler_;
-  int fd = self->getFd();
-  try {
-    try {
-      handler->writeFdEvent(fd);
-    } catch (...) {
-      if (!handler->handleFdException(fd)) {
-        throw;
-      }
-    }
-  } catch (...) {
-    leParkException(std::current_exception());
-  }
+  notify(self->handler_, self->getFd(), &Platform::FdEventHandler::writeFdEvent);
 }
 
 // ---- LibeventTimerControl ----
