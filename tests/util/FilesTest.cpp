@@ -10,7 +10,8 @@
 namespace Tarvo {
 namespace {
 
-using Tarvo::Test::TraceRecorder;
+using Test::thrownMessage;
+using Test::TraceRecorder;
 
 // The permission bits of `path`, or 0 when it does not exist.
 mode_t modeOf(const std::string& path) {
@@ -41,12 +42,9 @@ TEST(FilesTest, FilesGetExactModesAndFailuresAnswerAsTold) {
   EXPECT_EQ(errno, ENOTDIR);
 
   std::string noDir = dir.file("no-such-dir/state");
-  try {
-    Util::fileWrite(trace, noDir, "payload 42", false);
-    ADD_FAILURE() << "no exception";
-  } catch (const RuntimeException& e) {
-    EXPECT_EQ(e.message(), "payload 42");
-  }
+  EXPECT_EQ(
+      thrownMessage<RuntimeException>([&] { Util::fileWrite(trace, noDir, "payload 42", false); }),
+      "payload 42");
   EXPECT_TRUE(trace.has(0, "Util::fileWrite() unable to open " + noDir + " reason:No such file"));
   EXPECT_NO_THROW(Util::fileWrite(trace, noDir, "payload 42", true));
   EXPECT_FALSE(Util::touch(trace, noDir));
@@ -69,7 +67,7 @@ TEST(FilesTest, TrimpathRemovesTrailingDirectoriesUntilOneIsNotEmpty) {
                              {"/a/b", "/a/b", "trailing path longer than absolute path"},
                              {"/a/b", "x", "trailing path is not a terminal substring"}};
   for (auto& fault : faults) {
-    std::string message = Tarvo::Test::assertMessage([&] { Util::trimpath(fault[0], fault[1]); });
+    std::string message = thrownMessage([&] { Util::trimpath(fault[0], fault[1]); });
     EXPECT_TRUE(message.starts_with("Util:trimpath:") &&
                 message.find(fault[2]) != std::string::npos)
         << message;

@@ -1,8 +1,6 @@
 #include "Tarvo/Mappings.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -21,8 +19,8 @@ namespace {
 TEST(MappingInfos, ParsesCraftedLinesAndFindsByAddressAndFile) {
   std::istringstream maps(
       "7f1200000000-7f1200021000 rw-p 00000000 00:00 0 \n"
-      "7f1300000000-7f1300001000 ---p 1f0002000 fd:01 1234567     /opt/my dir/lib x.so\n"
-      "7f1300001000-7f1300002000 r--p 1f0002000 fd:01 1234567     /opt/my dir/lib x.so\n"
+      "7f1300000000-7f1300001000 ---p 1f0002000 fd:01 12345678901 /opt/my dir/lib x.so\n"
+      "7f1300001000-7f1300002000 r--p 1f0002000 fd:01 12345678901 /opt/my dir/lib x.so\n"
       "not a mapping line\n"
       "7f1400000000-7f1400001000 r--p 00000000 00:00 0\n");
   MappingInfos infos = PidMappings::parse(maps);
@@ -30,7 +28,7 @@ TEST(MappingInfos, ParsesCraftedLinesAndFindsByAddressAndFile) {
   EXPECT_EQ(infos[0].path, "");
   const MappingInfo& lib = infos[2];
   EXPECT_EQ(lib.offset, 0x1f0002000u);
-  EXPECT_EQ(lib.inode, 1234567u);
+  EXPECT_EQ(lib.inode, 12345678901u);
   EXPECT_EQ(lib.path, "/opt/my dir/lib x.so");
 
   EXPECT_EQ(infos.find(reinterpret_cast<const void*>(0x7f1300000fffu)).perms, "---p");
@@ -44,9 +42,6 @@ TEST(PidMappings, PopulatesLiveProcessesAndKeepsTheCacheForVanishedOnes) {
   MappingInfo code = infos.find(reinterpret_cast<const void*>(&PidMappings::populate));
   EXPECT_EQ(code.perms.substr(0, 3), "r-x");
   EXPECT_NE(code.path.find("libTarvo.so"), std::string::npos) << code;
-  struct stat lib {};
-  ASSERT_EQ(stat(code.path.c_str(), &lib), 0);
-  EXPECT_EQ(code.inode, lib.st_ino);
 
   Tarvo::Test::WaitingChild child([] { return true; });
   pid_t pid = child.pid();
@@ -72,7 +67,7 @@ const bool childServed = [] {
   }
 }();
 
-TEST(TypenameFromVptr, NamesTypeOfObjectInAnotherProcess) {
+TEST(TypenameFromVptr, NamesTypeInAnotherProcessAndExplainsBadTables) {
   ASSERT_FALSE(childServed);
   int fromChild[2];
   ASSERT_EQ(pipe2(fromChild, O_CLOEXEC), 0);
@@ -95,34 +90,31 @@ TEST(TypenameFromVptr, NamesTypeOfObjectInAnotherProcess) {
   // A pointer right at the start of its mapping has no type-information slot before it.
   MappingInfo mapping = PidMappings::mappingInfos(pid).find(vptr);
   EXPECT_EQ(Util::typenameFromVptr(pid, reinterpret_cast<void*>(mapping.start), error), nullptr);
-  EXPECT_EQ(error.rfind("Bad vptr:0x", 0), 0u) << error;
-  EXPECT_NE(error.find("mapping:MappingInfo { start:0x"), std::string::npos) << error;
+  EXPECT_TRUE(error.starts_with("Bad vptr:0x") &&
+              error.find("mapping:MappingInfo { start:0x") != std::string::npos)
+      << error;
 
   child.release();
   EXPECT_EQ(Util::typenameFromVptr(pid, vptr, error), nullptr);
   EXPECT_EQ(error, "Could not find mapping for vptr:" + DisplayPointer(vptr).toString() +
                        " otherPid:" + std::to_string(pid));
-}
 
-// Word arrays posing as a virtual table and type information; non-zero initial values place
-// them in the program file's data segment.
-uintptr_t fakeVtable[3] = {0x10, 0x10, 0x10};
-uintptr_t fakeTypeInfo[3] = {0x10, 0x10, 0x10};
-
-TEST(TypenameFromVptr, ExplainsBadTablesInsteadOfThrowing) {
-  std::string error;
+  // Word arrays posing as a virtual table and type information in the program's data.
+  static uintptr_t fakeVtable[3] = {0x10, 0x10, 0x10};
+  static uintptr_t fakeTypeInfo[3] = {0x10, 0x10, 0x10};
   auto heap = std::make_unique<uintptr_t[]>(64);
   EXPECT_EQ(Util::typenameFromVptr(getpid(), &heap[32], error), nullptr);
-  EXPECT_EQ(error.rfind("Failed to open library for vptr:", 0), 0u) << error;
+  EXPECT_TRUE(error.starts_with("Failed to open library for vptr:")) << error;
 
   EXPECT_EQ(Util::typenameFromVptr(getpid(), &fakeVtable[1], error), nullptr);
-  EXPECT_EQ(error.rfind("No typeInfo mapping found for vptr:", 0), 0u) << error;
-  EXPECT_NE(error.find("typeInfoPtr:0x00000010"), std::string::npos) << error;
+  EXPECT_TRUE(error.starts_with("No typeInfo mapping found for vptr:") &&
+              error.find("typeInfoPtr:0x00000010") != std::string::npos)
+      << error;
 
   fakeVtable[0] = reinterpret_cast<uintptr_t>(&fakeTypeInfo[0]);
   fakeTypeInfo[1] = reinterpret_cast<uintptr_t>(heap.get());  // the name lies outside the file
   EXPECT_EQ(Util::typenameFromVptr(getpid(), &fakeVtable[1], error), nullptr);
-  EXPECT_EQ(error.rfind("TypeInfo is not stored in proper mapping. Expected:MappingInfo {", 0), 0u)
+  EXPECT_TRUE(error.starts_with("TypeInfo is not stored in proper mapping. Expected:MappingInfo {"))
       << error;
 }
 

@@ -40,11 +40,13 @@ class TraceRecorder : public Platform::DebugHandler {
   std::vector<std::pair<unsigned, std::string>> lines_;
 };
 
-// The message of the AssertException that `body` throws, or "no exception".
-inline std::string assertMessage(const std::function<void()>& body) {
+// The message of the exception of type E (AssertException by default) that `body` throws,
+// or "no exception".
+template <typename E = AssertException>
+std::string thrownMessage(const std::function<void()>& body) {
   try {
     body();
-  } catch (const AssertException& e) {
+  } catch (const E& e) {
     return e.message();
   }
   return "no exception";
