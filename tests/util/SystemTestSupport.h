@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -60,7 +61,7 @@ inline int settledFdCount() {
 }
 
 // A forked child that runs `setup` (takes a lock, opens a file), reports its result and then
-// stays as it is until release() or destruction kill it.
+// stays as it is until release() or destruction kill it, or this process ends.
 class WaitingChild {
  public:
   explicit WaitingChild(const std::function<bool()>& setup) {
@@ -70,6 +71,7 @@ class WaitingChild {
     }
     char ok = 'n';
     if (pid_ == 0) {
+      ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // even through an exec, should the test crash
       ok = setup() ? 'y' : 'n';
       while (::write(ready[1], &ok, 1) == 1) {
         ::pause();
