@@ -17,12 +17,10 @@
 
 #include <string>
 
-namespace Tarvo {
-namespace Platform {
-class DebugHandler;
-}  // namespace Platform
+// The readers below are built on the file utilities and share their handler declaration.
+#include "Tarvo/UtilFiles.h"
 
-namespace Util {
+namespace Tarvo::Util {
 
 // The "Name:" value of /proc/<pid>/status (pid 0: this process); empty on failure. `quiet`
 // lowers the trace of a missing status file from level 1 to 5, for callers probing pids that
@@ -56,5 +54,4 @@ unsigned readLockPid(Platform::DebugHandler& h, const std::string& lockName);
 // AssertException when the file cannot be opened or read.
 void includeShmemInCore();
 
-}  // namespace Util
-}  // namespace Tarvo
+}  // namespace Tarvo::Util

@@ -52,41 +52,61 @@ unsigned long readProcNetUnix(Platform::DebugHandler& h, const std::string& sock
   return Impl::socketInodeFromNetUnix(h, text.str(), socketName);
 }
 
-// The first process found with a descriptor on the socket `inode`; 0 when there is none.
-unsigned readProcFd(Platform::DebugHandler& h, unsigned long inode) {
-  TARVO_TRACE(h, 5, "Util::readProcFd() searching for inode: " << inode);
-  std::shared_ptr<DirNode> proc = openProc(h, "readSocketPid");
+// Walks the descriptors of every /proc entry whose name `wanted` accepts and returns the first
+// non-zero answer of `visit(entryName, fdName, path, st)`, called for each descriptor that
+// stat() can follow; 0 when none answers. `label` starts the trace lines, `function` names
+// the caller in the assertion raised when /proc cannot be opened.
+template <typename Wanted, typename Visit>
+unsigned walkProcFds(Platform::DebugHandler& h, const char* function, const char* label,
+                     Wanted wanted, Visit visit) {
+  std::shared_ptr<DirNode> proc = openProc(h, function);
   while (struct dirent* procEntry = proc->readEntry()) {
     std::string name = procEntry->d_name;
+    if (!wanted(name)) {
+      continue;
+    }
     std::string fdDirPath = "/proc/" + name + "/fd";
     DirNode fdDir(h, fdDirPath, proc);
     while (struct dirent* fdEntry = fdDir.readEntry()) {
       std::string path = fdDirPath + "/" + fdEntry->d_name;
-      TARVO_TRACE(h, 9, "Util::readProcFd() reading entry " << path);
+      TARVO_TRACE(h, 9, label << " reading entry " << path);
       struct stat st;
       if (::stat(path.c_str(), &st) != 0) {
-        TARVO_TRACE(h, 1, "Util::readProcFd() stat failed:" << path);
+        TARVO_TRACE(h, 1, label << " stat failed:" << path);
         continue;
       }
-      if (!S_ISSOCK(st.st_mode)) {
-        continue;
+      if (unsigned pid = visit(name, fdEntry->d_name, path, st)) {
+        return pid;
       }
-      TARVO_TRACE(h, 9, "Util::readProcFd() socket " << path << "'s inode is:" << st.st_ino);
-      if (st.st_ino != inode) {
-        continue;
-      }
-      unsigned pid = pidOfProcEntry(name);
-      if (pid == 0) {
-        TARVO_TRACE(h, 1,
-                    "Util::readProcFd() could not convert pid "
-                        << "directory string '" << name << "' to U32");
-        break;
-      }
-      TARVO_TRACE(h, 5, "Util::readProcFd() found owner pid:" << pid);
-      return pid;
     }
   }
   return 0;
+}
+
+// The first process found with a descriptor on the socket `inode`; 0 when there is none.
+unsigned readProcFd(Platform::DebugHandler& h, unsigned long inode) {
+  TARVO_TRACE(h, 5, "Util::readProcFd() searching for inode: " << inode);
+  return walkProcFds(
+      h, "readSocketPid", "Util::readProcFd()", [](const std::string&) { return true; },
+      [&](const std::string& name, const char*, const std::string& path,
+          const struct stat& st) -> unsigned {
+        if (!S_ISSOCK(st.st_mode)) {
+          return 0;
+        }
+        TARVO_TRACE(h, 9, "Util::readProcFd() socket " << path << "'s inode is:" << st.st_ino);
+        if (st.st_ino != inode) {
+          return 0;
+        }
+        unsigned pid = pidOfProcEntry(name);
+        if (pid == 0) {
+          TARVO_TRACE(h, 1,
+                      "Util::readProcFd() could not convert pid "
+                          << "directory string '" << name << "' to U32");
+          return 0;
+        }
+        TARVO_TRACE(h, 5, "Util::readProcFd() found owner pid:" << pid);
+        return pid;
+      });
 }
 
 // Whether the descriptor's fdinfo lists a record lock held through it.
@@ -165,55 +185,45 @@ unsigned readSocketPid(Platform::DebugHandler& h, const std::string& socketName)
 
 unsigned readLockPid(Platform::DebugHandler& h, const std::string& lockName) {
   TARVO_TRACE(h, 9, "Util::readLockPid() lockName:" << lockName);
-  std::shared_ptr<DirNode> proc = openProc(h, "readLockPid");
   // Only processes whose pid appears in /proc/locks hold a lock worth looking for. Kernels
   // list open-file-description locks with pid -1, though, so while any is listed every
   // process has to be looked at.
   std::string locks = fileRead(h, "/proc/locks", true);
   bool ownersHidden = locks.find("OFDLCK") != std::string::npos;
-  while (struct dirent* procEntry = proc->readEntry()) {
-    std::string name = procEntry->d_name;
-    unsigned pid = pidOfProcEntry(name);
-    if (pid == 0 || (!ownersHidden && locks.find(name) == std::string::npos)) {
-      continue;
-    }
-    std::string fdDirPath = "/proc/" + name + "/fd";
-    DirNode fdDir(h, fdDirPath, proc);
-    while (struct dirent* fdEntry = fdDir.readEntry()) {
-      std::string path = fdDirPath + "/" + fdEntry->d_name;
-      TARVO_TRACE(h, 9, "Util::readLockPid() reading entry " << path);
-      struct stat st;
-      if (::stat(path.c_str(), &st) != 0) {
-        TARVO_TRACE(h, 1, "Util::readLockPid() stat failed:" << path);
-        continue;
-      }
-      if (!S_ISREG(st.st_mode)) {
-        continue;
-      }
-      // One byte more than the name, so that a longer target cannot pass as equal.
-      std::vector<char> target(lockName.size() + 1, '\0');
-      ssize_t n = ::readlink(path.c_str(), target.data(), target.size());
-      if (n < 0) {
-        int err = errno;
+  auto holdsSomeLock = [&](const std::string& name) {
+    return pidOfProcEntry(name) != 0 && (ownersHidden || locks.find(name) != std::string::npos);
+  };
+  return walkProcFds(
+      h, "readLockPid", "Util::readLockPid()", holdsSomeLock,
+      [&](const std::string& name, const char* fdName, const std::string& path,
+          const struct stat& st) -> unsigned {
+        if (!S_ISREG(st.st_mode)) {
+          return 0;
+        }
+        // One byte more than the name, so that a longer target cannot pass as equal.
+        std::vector<char> target(lockName.size() + 1, '\0');
+        ssize_t n = ::readlink(path.c_str(), target.data(), target.size());
+        if (n < 0) {
+          int err = errno;
+          TARVO_TRACE(
+              h, 5, "Util::readLockPid() readlink of file:" << path << "failed " << strerror(err));
+          return 0;
+        }
+        if (static_cast<size_t>(n) != lockName.size() ||
+            lockName.compare(0, lockName.size(), target.data(), lockName.size()) != 0) {
+          return 0;
+        }
+        TARVO_TRACE(h, 9, "Util::readLockPid() lock " << lockName << "'s file is:" << path);
+        unsigned pid = pidOfProcEntry(name);
+        if (holdsLock(h, pid, fdName)) {
+          TARVO_TRACE(h, 5, "Util::readLockPid() found owner pid:" << pid);
+          return pid;
+        }
         TARVO_TRACE(h, 5,
-                    "Util::readLockPid() readlink of file:" << path << "failed " << strerror(err));
-        continue;
-      }
-      if (static_cast<size_t>(n) != lockName.size() ||
-          lockName.compare(0, lockName.size(), target.data(), lockName.size()) != 0) {
-        continue;
-      }
-      TARVO_TRACE(h, 9, "Util::readLockPid() lock " << lockName << "'s file is:" << path);
-      if (holdsLock(h, pid, fdEntry->d_name)) {
-        TARVO_TRACE(h, 5, "Util::readLockPid() found owner pid:" << pid);
-        return pid;
-      }
-      TARVO_TRACE(h, 5,
-                  "Util::readLockPid() pid:" << pid << " file:" << path
-                                             << " is open, but not locked associated with lock");
-    }
-  }
-  return 0;
+                    "Util::readLockPid() pid:" << pid << " file:" << path
+                                               << " is open, but not locked associated with lock");
+        return 0;
+      });
 }
 
 void includeShmemInCore() {

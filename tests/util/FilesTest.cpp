@@ -2,7 +2,6 @@
 #include <sys/stat.h>
 
 #include <fstream>
-#include <set>
 
 #include "Tarvo/DirNode.h"
 #include "Tarvo/Util.h"
@@ -11,6 +10,7 @@
 namespace Tarvo {
 namespace {
 
+using Test::thrownMessage;
 using Test::TraceRecorder;
 
 // The permission bits of `path`, or 0 when it does not exist.
@@ -19,75 +19,45 @@ mode_t modeOf(const std::string& path) {
   return ::stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
 }
 
-TEST(FilesTest, FileReadStopsAtTheFirstNulAndTracesFailuresOnly) {
+TEST(FilesTest, FilesGetExactModesAndFailuresAnswerAsTold) {
   Tarvo::Test::TempDir dir;
   TraceRecorder trace;
   int fdsBefore = Tarvo::Test::settledFdCount();
-  std::ofstream(dir.file("nul"), std::ios::binary) << std::string("ab\0cd", 5);
-  EXPECT_EQ(Util::fileRead(trace, dir.file("nul"), true), "ab");
-  EXPECT_EQ(Util::fileRead(trace, dir.file("missing"), false), "");
-  EXPECT_FALSE(trace.has(5, "unable to open"));
-  EXPECT_EQ(Util::fileRead(trace, dir.file("missing"), true), "");
-  EXPECT_TRUE(trace.has(5, "Util::fileRead() unable to open file " + dir.file("missing")));
-  EXPECT_EQ(Util::fileRead(trace, dir.path(), true), "");  // opens, but cannot be read
-  EXPECT_TRUE(trace.has(1, "Util::fileRead() failed to read from " + dir.path()));
-  EXPECT_EQ(Tarvo::Test::openFdCount(), fdsBefore);
-}
-
-TEST(FilesTest, FileWriteAndTouchCreateMode0666AndFailAsTold) {
-  Tarvo::Test::TempDir dir;
-  TraceRecorder trace;
   mode_t oldMask = ::umask(077);
   Util::fileWrite(trace, dir.file("state"), "first content", false);
-  Util::fileWrite(trace, dir.file("state"), "second", false);
+  Util::fileWrite(trace, dir.file("state"), std::string("ab\0cd", 5), false);
   EXPECT_TRUE(Util::touch(trace, dir.file("state")));
-  EXPECT_EQ(Util::fileRead(trace, dir.file("state"), true), "second");
+  EXPECT_EQ(Util::fileSize(trace, dir.file("state")), 5u);
+  EXPECT_EQ(Util::fileRead(trace, dir.file("state"), true), "ab");
   EXPECT_TRUE(Util::touch(trace, dir.file("new")));
   EXPECT_EQ(modeOf(dir.file("state")), 0666u);
   EXPECT_EQ(modeOf(dir.file("new")), 0666u);
-  EXPECT_EQ(::umask(oldMask), 077u);
-
-  std::string noDir = dir.file("no-such-dir/state");
-  try {
-    Util::fileWrite(trace, noDir, "payload 42", false);
-    ADD_FAILURE() << "no exception";
-  } catch (const RuntimeException& e) {
-    EXPECT_EQ(e.message(), "payload 42");
-  }
-  EXPECT_TRUE(trace.has(0, "Util::fileWrite() unable to open " + noDir + " reason:No such file"));
-  EXPECT_NO_THROW(Util::fileWrite(trace, noDir, "payload 42", true));
-  EXPECT_FALSE(Util::touch(trace, noDir));
-}
-
-TEST(FilesTest, QueriesAnswerFailuresByTheirResult) {
-  Tarvo::Test::TempDir dir;
-  TraceRecorder trace;
-  std::string path = dir.file("data");
-  std::ofstream(path) << "12345";
-  EXPECT_EQ(Util::fileSize(trace, path), 5u);
-  EXPECT_EQ(Util::fileSize(trace, dir.file("missing")), 0u);
-  EXPECT_FALSE(Util::fileExists(trace, dir.file("missing")));
-  trace.clear();
-  EXPECT_TRUE(Util::fileRemove(trace, dir.file("missing")));
-  EXPECT_TRUE(trace.empty());
-  EXPECT_TRUE(Util::fileRemove(trace, path));
-  EXPECT_FALSE(Util::fileExists(trace, path));
-  EXPECT_FALSE(Util::fileRemove(trace, dir.path()));
-  EXPECT_TRUE(trace.has(0, "Util::fileRemove() unlink() error " + dir.path() + ": "));
-}
-
-TEST(FilesTest, MkpathCreatesEveryMissingLevelWithExactlyTheMode) {
-  Tarvo::Test::TempDir dir;
-  mode_t oldMask = ::umask(077);
   EXPECT_EQ(Util::mkpath(dir.file("x/y/z/"), 0751), 0);
   EXPECT_EQ(Util::mkpath(dir.file("x/y/z"), 0700), 0);
   for (const char* path : {"x", "x/y", "x/y/z"}) {
     EXPECT_EQ(modeOf(dir.file(path)), 0751u) << path;
   }
   EXPECT_EQ(::umask(oldMask), 077u);
-  std::ofstream(dir.file("plain")) << "";
-  EXPECT_LT(Util::mkpath(dir.file("plain/sub/dir"), 0755), 0);
+  EXPECT_LT(Util::mkpath(dir.file("new/sub/dir"), 0755), 0);
   EXPECT_EQ(errno, ENOTDIR);
+
+  std::string noDir = dir.file("no-such-dir/state");
+  EXPECT_EQ(
+      thrownMessage<RuntimeException>([&] { Util::fileWrite(trace, noDir, "payload 42", false); }),
+      "payload 42");
+  EXPECT_TRUE(trace.has(0, "Util::fileWrite() unable to open " + noDir + " reason:No such file"));
+  EXPECT_NO_THROW(Util::fileWrite(trace, noDir, "payload 42", true));
+  EXPECT_FALSE(Util::touch(trace, noDir));
+  EXPECT_EQ(Util::fileSize(trace, noDir), 0u);
+  trace.lines_.clear();
+  EXPECT_TRUE(Util::fileRemove(trace, noDir));
+  EXPECT_TRUE(trace.lines_.empty());
+  EXPECT_FALSE(Util::fileRemove(trace, dir.file("x")));
+  EXPECT_TRUE(trace.has(0, "Util::fileRemove() unlink() error " + dir.file("x") + ": "));
+  EXPECT_EQ(DirNode(trace, noDir).readEntry(), nullptr);
+  EXPECT_TRUE(trace.has(
+      5, "DirNode::readEntry() cannot read " + noDir + " because the directory is not open"));
+  EXPECT_EQ(Tarvo::Test::openFdCount(), fdsBefore);
 }
 
 TEST(FilesTest, TrimpathRemovesTrailingDirectoriesUntilOneIsNotEmpty) {
@@ -97,7 +67,7 @@ TEST(FilesTest, TrimpathRemovesTrailingDirectoriesUntilOneIsNotEmpty) {
                              {"/a/b", "/a/b", "trailing path longer than absolute path"},
                              {"/a/b", "x", "trailing path is not a terminal substring"}};
   for (auto& fault : faults) {
-    std::string message = Tarvo::Test::assertMessage([&] { Util::trimpath(fault[0], fault[1]); });
+    std::string message = thrownMessage([&] { Util::trimpath(fault[0], fault[1]); });
     EXPECT_TRUE(message.starts_with("Util:trimpath:") &&
                 message.find(fault[2]) != std::string::npos)
         << message;
@@ -105,41 +75,13 @@ TEST(FilesTest, TrimpathRemovesTrailingDirectoriesUntilOneIsNotEmpty) {
   Tarvo::Test::TempDir dir;
   std::string deepest = dir.file("a/b/c");
   ASSERT_EQ(Util::mkpath(deepest, 0755), 0);
-  EXPECT_EQ(Util::trimpath(deepest, "/b/c"), 0);
-  EXPECT_EQ(modeOf(dir.file("a/b")), 0u);
-  EXPECT_EQ(modeOf(dir.file("a")), 0755u);
-
-  ASSERT_EQ(Util::mkpath(deepest, 0755), 0);
   std::ofstream(dir.file("a/b/keep")) << "";
-  EXPECT_EQ(Util::trimpath(deepest, "a/b/c"), -1);
+  EXPECT_EQ(Util::trimpath(deepest, "a/b/c"), -1);  // b is not empty
   EXPECT_EQ(modeOf(deepest), 0u);
   ::unlink(dir.file("a/b/keep").c_str());
-  EXPECT_EQ(Util::trimpath(deepest, "a/b/c"), 0);  // a missing one is skipped
-  EXPECT_EQ(modeOf(dir.file("a")), 0u);
-  EXPECT_NE(modeOf(dir.path()), 0u);
-}
-
-TEST(DirNodeTest, ReadsEveryEntryOrNothingWhenNotOpen) {
-  Tarvo::Test::TempDir dir;
-  TraceRecorder trace;
-  std::ofstream(dir.file("one")) << "";
-  int fdsBefore = Tarvo::Test::settledFdCount();
-  {
-    DirNode node(trace, dir.path());
-    std::multiset<std::string> names;
-    while (struct dirent* entry = node.readEntry()) {
-      names.insert(entry->d_name);
-    }
-    EXPECT_EQ(names, (std::multiset<std::string>{".", "..", "one"}));
-  }
-  EXPECT_EQ(Tarvo::Test::openFdCount(), fdsBefore);
-  EXPECT_EQ(DirNode(trace, dir.file("missing")).readEntry(), nullptr);
-  EXPECT_TRUE(trace.has(9, "DirNode::DirNode() failed to open " + dir.file("missing")));
-  EXPECT_TRUE(trace.has(5, "DirNode::readEntry() cannot read " + dir.file("missing") +
-                               " because the directory is not open"));
-  ASSERT_EQ(::symlink(dir.file("loop").c_str(), dir.file("loop").c_str()), 0);
-  EXPECT_FALSE(DirNode(trace, dir.file("loop")).isOpen());
-  EXPECT_TRUE(trace.has(1, "DirNode::DirNode() failed to open " + dir.file("loop") + " errno: "));
+  EXPECT_EQ(Util::trimpath(deepest, "/b/c"), 0);  // the missing c is skipped
+  EXPECT_EQ(modeOf(dir.file("a/b")), 0u);
+  EXPECT_EQ(modeOf(dir.file("a")), 0755u);
 }
 
 }  // namespace

@@ -3,9 +3,12 @@
 #pragma once
 
 #include <fcntl.h>
+#include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <functional>
 #include <string>
 #include <utility>
@@ -30,25 +33,21 @@ class TraceRecorder : public Platform::DebugHandler {
   }
   // Whether a line traced at `level` contains `text`.
   bool has(unsigned level, const std::string& text) const {
-    for (const auto& [lineLevel, line] : lines_) {
-      if (lineLevel == level && line.find(text) != std::string::npos) {
-        return true;
-      }
-    }
-    return false;
+    return std::ranges::any_of(lines_, [&](const auto& line) {
+      return line.first == level && line.second.find(text) != std::string::npos;
+    });
   }
-  bool empty() const { return lines_.empty(); }
-  void clear() { lines_.clear(); }
 
- private:
   std::vector<std::pair<unsigned, std::string>> lines_;
 };
 
-// The message of the AssertException that `body` throws, or "no exception".
-inline std::string assertMessage(const std::function<void()>& body) {
+// The message of the exception of type E (AssertException by default) that `body` throws,
+// or "no exception".
+template <typename E = AssertException>
+std::string thrownMessage(const std::function<void()>& body) {
   try {
     body();
-  } catch (const AssertException& e) {
+  } catch (const E& e) {
     return e.message();
   }
   return "no exception";
@@ -61,39 +60,34 @@ inline int settledFdCount() {
   return openFdCount();
 }
 
-// A forked child that runs `setup` (takes a lock, binds a socket), reports its result and
-// then stays as it is until release() or destruction.
+// A forked child that runs `setup` (takes a lock, opens a file), reports its result and then
+// stays as it is until release() or destruction kill it, or this process ends.
 class WaitingChild {
  public:
   explicit WaitingChild(const std::function<bool()>& setup) {
     int ready[2];
-    int hold[2];
-    if (::pipe2(ready, O_CLOEXEC) != 0 || ::pipe2(hold, O_CLOEXEC) != 0 || (pid_ = ::fork()) < 0) {
+    if (::pipe2(ready, O_CLOEXEC) != 0 || (pid_ = ::fork()) < 0) {
       return;
     }
+    char ok = 'n';
     if (pid_ == 0) {
-      char ok = setup() ? 'y' : 'n';
-      ::close(hold[1]);
-      if (::write(ready[1], &ok, 1) == 1 && ::read(hold[0], &ok, 1) >= 0) {
-        ::_exit(0);  // the parent let go
+      ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // even through an exec, should the test crash
+      ok = setup() ? 'y' : 'n';
+      while (::write(ready[1], &ok, 1) == 1) {
+        ::pause();
       }
       ::_exit(1);
     }
     ::close(ready[1]);
-    ::close(hold[0]);
-    char ok = 'n';
     setupOk_ = ::read(ready[0], &ok, 1) == 1 && ok == 'y';
     ::close(ready[0]);
-    holdFd_ = hold[1];
   }
   ~WaitingChild() { release(); }
-
-  // Lets the child exit and reaps it.
   void release() {
-    if (holdFd_ >= 0) {
-      ::close(holdFd_);
+    if (pid_ > 0) {
+      ::kill(pid_, SIGKILL);
       ::waitpid(pid_, nullptr, 0);
-      holdFd_ = -1;
+      pid_ = -1;
     }
   }
   pid_t pid() const { return pid_; }
@@ -101,7 +95,6 @@ class WaitingChild {
 
  private:
   pid_t pid_ = -1;
-  int holdFd_ = -1;
   bool setupOk_ = false;
 };
 
