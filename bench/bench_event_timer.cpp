@@ -5,6 +5,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "LibeventAnchor.h"
 #include "Tarvo/LibeventFactory.h"
 #include "Tarvo/Platform.h"
 
@@ -17,31 +18,12 @@ benchmark::Counter perExpiry() {
       kChain, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
 
-// The anchor: a raw libevent timer re-armed with a zero delay from its own callback.
-struct RawChain {
-  event* ev = nullptr;
-  int left = 0;
-  static void fire(evutil_socket_t, short, void* arg) {
-    auto* chain = static_cast<RawChain*>(arg);
-    if (--chain->left > 0) {
-      static const timeval zero{0, 0};
-      event_add(chain->ev, &zero);
-    }
-  }
-};
-
 void BM_RawLibeventZeroTimer(benchmark::State& state) {
   Tarvo::leInit();
-  event_base* base = Tarvo::leBase();
-  RawChain chain;
-  chain.ev = event_new(base, -1, 0, RawChain::fire, &chain);
-  const timeval zero{0, 0};
+  Tarvo::Bench::RawZeroTimerChain chain(Tarvo::leBase());
   for (auto _ : state) {
-    chain.left = kChain;
-    event_add(chain.ev, &zero);
-    event_base_dispatch(base);
+    chain.run(kChain);
   }
-  event_free(chain.ev);
   state.counters["per_expiry"] = perExpiry();
 }
 BENCHMARK(BM_RawLibeventZeroTimer);

@@ -205,26 +205,21 @@ void DebugControl::set(const std::string& nameSpec, const std::string& levelsSpe
   const uint16_t mask = static_cast<uint16_t>(parseLevels(levelsSpec));
   Platform::LocoGuard guard;
   initialize();
-  if (!wildcard) {
-    DebugControl* setting;
-    if (auto it = debugsMap_->find(name); it != debugsMap_->end()) {
-      setting = it->second;
-      setting->levels_ |= mask;
-    } else {
-      setting = new DebugControl(name, coveringLevels(name) | mask, false);
+  // The setting of this name and kind with the new levels added; a new one starts from the
+  // levels of the prefix setting that covers the name.
+  auto settingWithMask = [&](auto& map) {
+    if (auto it = map.find(name); it != map.end()) {
+      it->second->levels_ |= mask;
+      return it->second;
     }
-    const uint16_t levels = setting->levels_;
+    return new DebugControl(name, coveringLevels(name) | mask, wildcard);
+  };
+  if (!wildcard) {
+    const uint16_t levels = settingWithMask(*debugsMap_)->levels_;
     forHandlersNamed(name, [&](DebugHandler& h) { h.levelsOr(levels); });
     return;
   }
-  DebugControl* setting;
-  if (auto it = wildCardDebugsMap_->find(name); it != wildCardDebugsMap_->end()) {
-    setting = it->second;
-    setting->levels_ |= mask;
-  } else {
-    setting = new DebugControl(name, coveringLevels(name) | mask, true);
-  }
-  const uint16_t levels = setting->levels_;
+  const uint16_t levels = settingWithMask(*wildCardDebugsMap_)->levels_;
   for (auto& [prefix, control] : *wildCardDebugsMap_) {
     if (startsWith(prefix, name)) {
       control->levels_ |= levels;
