@@ -57,7 +57,7 @@ class DebugHandler {
   virtual void dump(DebugStream& stream, unsigned level, const char* file, int line,
                     const char* function) = 0;
 
-  // The trace test: one relaxed load of the mask word and one bit test.
+  // The trace test: one relaxed load of the mask word and one bit test, no call, no lock.
   bool enabled(unsigned level) const noexcept {
     return (levelsPtr_->load(std::memory_order_relaxed) >> level) & 1u;
   }
