@@ -45,7 +45,8 @@ class Backtrace {
 };
 
 // Root of the library's exceptions. what() is "<name>(\"<message>\")\nBacktrace:\n<frames>",
-// the parenthesised part left out when the message is empty; it is built once, on first use.
+// the parenthesised part left out when the message is empty; it is built once, on first use,
+// so the first what() of an exception shared between threads must not race with another.
 class Exception : public std::exception {
  public:
   Exception(std::string message, bool backtrace);
@@ -91,8 +92,8 @@ TARVO_DECLARE_EXCEPTION_(InvalidSizeException, CorruptionDetectedException);
 
 #undef TARVO_DECLARE_EXCEPTION_
 
-// Throws AssertException with the text "<file>:<function>:<line>: <message>" (the file and
-// its colon left out when `file` is null). When `handler` is given and `level` is enabled on
+// Throws AssertException with the text "<file>:<function>:<line>: <message>" (the file
+// left out when `file` is null; the colon stays). When `handler` is given and `level` is enabled on
 // it, the same text is traced first.
 [[noreturn]] void debugAndThrowAssertException(Platform::DebugHandler* handler, unsigned level,
                                                Platform::DebugStream& stream, const char* file,

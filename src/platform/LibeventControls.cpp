@@ -247,7 +247,10 @@ void LibeventCallbackControl::timeout() {
     handler->callback();
   } catch (...) {
     if (!handler->handleCallbackException()) {
-      throw;
+      // Parked here rather than rethrown: the callback may have destroyed this control, and
+      // the timer part that called us would otherwise ask it about the exception.
+      leParkException(std::current_exception());
+      return;
     }
     TARVO_TRACE(trace(), 9,
                 "LibeventCallbackControl::timeout: Callback notification exception was handled");

@@ -288,20 +288,31 @@ void doLeEventLoop(double seconds) {
 }
 
 void doLeEventLoopInWaitfor(double seconds) {
-  timeval span;
-  if (!leFastForward() || !leSplitSeconds(seconds, &span)) {
+  if (!leFastForward()) {
     doLeEventLoop(seconds);
     return;
   }
-  LoopScope scope;
-  event_base* base = leBaseOrInit();
-  rethrowParked();
-  timeval delay;
-  if (fastForwardDelayToFirstTimer(&delay) && timercmp(&delay, &span, <)) {
-    span = delay;
+  timeval span;
+  const bool finite = leSplitSeconds(seconds, &span);
+  {
+    LoopScope scope;
+    event_base* base = leBaseOrInit();
+    rethrowParked();
+    // Up to the earliest timer at most, also when the span has no limit: the caller waits
+    // for a condition and must get control back to test it.
+    timeval delay;
+    if (fastForwardDelayToFirstTimer(&delay) && (!finite || timercmp(&delay, &span, <))) {
+      const timeval now{0, 0};
+      runTimed(base, now, &delay);
+      return;
+    }
+    if (finite) {
+      const timeval now{0, 0};
+      runTimed(base, now, &span);
+      return;
+    }
   }
-  const timeval now{0, 0};
-  runTimed(base, now, &span);
+  doLeEventLoop();  // no timer and no limit: only descriptors and callbacks can end the wait
 }
 
 double waitForDefaultTimeout() {

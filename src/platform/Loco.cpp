@@ -38,7 +38,10 @@ class Loco final : public Platform::Loco {
   }
 
   void resetInChild() {
-    if (depth_ != 0 && !owns_lock()) {
+    // Only the forking thread survives: unless it is the owner, no living thread holds the
+    // lock, whatever the owner and depth fields say (a thread may have been stopped between
+    // taking the mutex and recording itself, or between clearing itself and releasing it).
+    if (!owns_lock()) {
       mutex_ = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
       owner_.store(pthread_t{}, std::memory_order_relaxed);
       depth_ = 0;

@@ -173,6 +173,18 @@ TEST(LibeventCallbackControl, RequestsCoalesceAndCancelWithdraws) {
   EXPECT_FALSE(control->pendingCallback());
   Platform::doEventLoop();
   EXPECT_EQ(recorder.callbacks, 1);
+
+  // A callback that destroys its own control and then lets an exception through.
+  std::shared_ptr<Platform::CallbackControl> doomed;
+  Recorder killer;
+  killer.action = [&] {
+    doomed.reset();
+    throw Boom();
+  };
+  doomed = Platform::getCallbackControl(&killer);
+  doomed->requestCallback();
+  EXPECT_THROW(Platform::doEventLoop(), Boom);
+  EXPECT_EQ(killer.exceptions, 1);
 }
 
 // A refused exception leaves the loop without losing what was due in the same pass, and the
@@ -374,6 +386,10 @@ TEST_F(FastForward, TimedFormsAdvanceBySpanOrFirstTimerAndReturnAtOnce) {
   Platform::doEventLoopInWaitfor(2);  // or the span, when that is shorter
   EXPECT_NEAR(advance(), 2, 1e-6);
   EXPECT_EQ(recorder.timeouts, 2);
+  recorder.action = [&] { control->setTimeout(1); };  // re-arms itself for ever
+  Platform::doEventLoopInWaitfor(HUGE_VAL);  // no limit still returns after the first timer
+  EXPECT_EQ(recorder.timeouts, 3);
+  recorder.action = nullptr;
 }
 
 TEST_F(FastForward, OffsetIsPerThreadAndOnlyTheMainThreadSwitchesTheMode) {

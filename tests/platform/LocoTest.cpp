@@ -36,13 +36,34 @@ TEST(Loco, NestsOnOneThreadAndExcludesOthers) {
       otherGotLock = true;
       EXPECT_TRUE(loco.owns_lock());
     });
-    while (phase.load() == 0) std::this_thread::yield();
+    while (phase.load() == 0)
+      std::this_thread::yield();
     EXPECT_FALSE(otherSawOwnership.load());
     EXPECT_FALSE(otherGotLock.load());
   }
   EXPECT_FALSE(loco.owns_lock());
   other.join();
   EXPECT_TRUE(otherGotLock.load());
+}
+
+TEST(Loco, ForkedChildCanTakeTheLockAThreadOfTheParentHeld) {
+  std::atomic<bool> held{false};
+  std::atomic<bool> release{false};
+  std::thread holder([&] {
+    Platform::LocoGuard guard;
+    held = true;
+    while (!release.load())
+      std::this_thread::yield();
+  });
+  while (!held.load())
+    std::this_thread::yield();
+  auto child = Tarvo::Test::runInChild([] {
+    Platform::LocoGuard guard;  // would wait for ever for the vanished holder
+    return Platform::loco().owns_lock() ? 0 : 1;
+  });
+  release = true;
+  holder.join();
+  EXPECT_EQ(child.exitCode, 0);
 }
 
 TEST(ThreadUtilities, MainThreadForkedChildAndAuxiliaryCount) {
