@@ -80,7 +80,9 @@ void auxThreadCountDec();
 // true, the exception is swallowed and the loop goes on. If it returns false (the default),
 // the exception leaves the event-loop call (doEventLoop() and its forms) unchanged; the loop
 // stops after that notification, and the loop and every control stay usable, so the caller
-// may simply run the loop again.
+// may simply run the loop again. A handler may destroy any control, its own included, inside
+// a notification; a handler object destroyed inside its own notification must not let an
+// exception through, since its handle*Exception() would then be asked on a dead object.
 //
 // Thread rule: a control belongs to the thread that created it. It is driven, notified and
 // destroyed on that thread only; handlers need no locking.

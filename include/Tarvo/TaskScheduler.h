@@ -312,7 +312,8 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
 
   void taskUnregister(TaskImpl* task);
   // Runs at most one task: the one pickOneTask() chooses. A run that finds nothing marks
-  // the scheduler idle; a run that ran a task requests the next run.
+  // the scheduler idle; a run that ran a task requests the next run, also when the task
+  // threw (the exception then passes on), so that the remaining tasks still run.
   void handleSchedulerRun();
   // Takes the next task to run, from priority `from` downwards, or null.
   TaskImpl* pickOneTask(const TaskTimePoint& now, TaskPriority from);
@@ -468,8 +469,7 @@ class TaskSchedulerRoot : public TaskScheduler {
   static std::string currentThreadName();
   bool mainThread() const noexcept { return mainThread_; }
 
-  // Switches virtual time off, then runs one task. When the task throws, the next run is
-  // requested before the exception passes on, so the remaining tasks still run.
+  // Switches virtual time off, then runs one task.
   void handleSchedulerRun();
 
   // The history ring's capacity (100 unless changed) and its change.

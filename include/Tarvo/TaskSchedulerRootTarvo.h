@@ -48,7 +48,8 @@ class TaskSchedulerRootTarvo : public TaskSchedulerRoot, public Platform::Timeou
 // createExternalPerThreadSchedulerIs() if there is one, otherwise as a TaskSchedulerRootTarvo
 // named "thread:<pthread_self() in decimal>". The root lives as long as the thread (or the
 // last reference to it). Every root placed in the slot remembers where that happened, for
-// the refusal messages below.
+// the refusal messages below. An installed function that returns null throws AssertException
+// and leaves the slot empty.
 std::shared_ptr<TaskSchedulerRoot> schedulerRootTarvo();
 
 // A new event-loop root that is not placed in the thread's slot.

@@ -321,14 +321,15 @@ void TaskImpl::taskDoRun(const TaskTimePoint& start, TaskTimePoint* end) {
   taskCurrentlyRunning_ = false;
   *end = TaskClock::now();
   nanoseconds elapsed = *end - taskRunStartTime_;
-  if (taskQuantum_.count() != 0 && elapsed >= 2 * taskQuantum_) {
+  // Compared as elapsed / n against the quantum, which cannot overflow for any quantum.
+  if (taskQuantum_.count() != 0 && elapsed / 2 >= taskQuantum_) {
     TARVO_TRACE(
         schedulerTrace(), 5,
         "Ran " << this << " used " << elapsed << " "
                << static_cast<int64_t>(std::chrono::duration<double>(elapsed).count() /
                                        std::chrono::duration<double>(taskQuantum_).count() * 100)
                << "% violation");
-    if (elapsed < 5 * taskQuantum_) {
+    if (elapsed / 5 < taskQuantum_) {
       ++taskQuantumViolation200_;
     } else {
       ++taskQuantumViolation500_;

@@ -132,11 +132,19 @@ void TaskScheduler::handleSchedulerRun() {
       scheduler->currentTaskRef_.reset();
     }
   };
-  currentTaskKey_ = TaskKey(static_cast<const _TaskBase*>(task));
   currentTaskRef_ = task->shared_from_this();
+  currentTaskKey_ = TaskKey(static_cast<const _TaskBase*>(task));
   CurrentTaskClear clear{this};
   TaskTimePoint runEnd;
-  task->taskDoRun(schedulerRunStartTime_, &runEnd);
+  try {
+    task->taskDoRun(schedulerRunStartTime_, &runEnd);
+  } catch (...) {
+    // This scheduler still counts itself runnable, so a later scheduleTask() would request
+    // nothing: ask for the next run now, or the remaining tasks would never run. Done here,
+    // while the strong reference to the task (and through it to this scheduler) still holds.
+    requestSchedulerRunAndRecord(TaskClock::now());
+    throw;
+  }
   TARVO_TRACE(schedulerTrace(), 8, this << " Scheduler completed task, request run");
   requestSchedulerRunAndRecord(runEnd);
 }

@@ -138,14 +138,7 @@ void TaskSchedulerRoot::handleSchedulerRun() {
   if (virtualTime_) {
     virtualTimeIs(false);
   }
-  try {
-    TaskScheduler::handleSchedulerRun();
-  } catch (...) {
-    // The scheduler still counts itself runnable, so a later scheduleTask() would request
-    // nothing: ask for the next run here, or the remaining tasks would never run.
-    requestSchedulerRun();
-    throw;
-  }
+  TaskScheduler::handleSchedulerRun();
 }
 
 namespace {

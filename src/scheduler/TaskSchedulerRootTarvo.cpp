@@ -8,6 +8,7 @@
 
 #include "Tarvo/Exception.h"
 #include "Tarvo/Platform.h"
+#include "platform/LibeventInternal.h"
 #include "scheduler/SchedulerTrace.h"
 
 namespace Tarvo {
@@ -22,7 +23,15 @@ void TaskSchedulerRootTarvo::requestSchedulerRun() {
 }
 
 void TaskSchedulerRootTarvo::timeout() {
-  handleSchedulerRun();
+  try {
+    handleSchedulerRun();
+  } catch (...) {
+    // The run may have released the last reference to this root (a task that held it let
+    // go and threw), so nothing of it may be used from here on, and the timer control must
+    // not ask it about the exception: hand the exception straight to the loop call, which
+    // throws it once the loop has returned, as for any exception a handler lets through.
+    leParkException(std::current_exception());
+  }
 }
 
 namespace {
@@ -53,7 +62,13 @@ std::shared_ptr<TaskSchedulerRoot> schedulerRootTarvo() {
     return slot.root;
   }
   if (PerThreadSchedulerFactory factory = externalFactory.load()) {
-    slot.place(factory());
+    std::shared_ptr<TaskSchedulerRoot> made = factory();
+    if (!made) {
+      debugAndThrowAssertException(&schedulerTrace(), 0,
+                                   "the per thread scheduler function returned no scheduler",
+                                   "TaskScheduler", "schedulerRootTarvo", __LINE__);
+    }
+    slot.place(std::move(made));
   } else {
     slot.place(schedulerRootTarvoNonShared(
         "thread:" + std::to_string(static_cast<unsigned long>(pthread_self()))));
@@ -90,13 +105,16 @@ void schedulerRootTarvoIs(std::shared_ptr<TaskSchedulerRoot> root) {
 }
 
 void createExternalPerThreadSchedulerIs(PerThreadSchedulerFactory factory) {
-  PerThreadSchedulerFactory installed = externalFactory.load();
-  if (installed != nullptr && installed != factory) {
+  auto refuseChange = [](PerThreadSchedulerFactory installed) {
     Platform::DebugStream message;
     message << "Cannot change the function, already set to "
             << reinterpret_cast<const void*>(installed);
     debugAndThrowAssertException(&schedulerTrace(), 0, message, "TaskScheduler",
                                  "createExternalPerThreadSchedulerIs", __LINE__);
+  };
+  PerThreadSchedulerFactory installed = externalFactory.load();
+  if (installed != nullptr && installed != factory) {
+    refuseChange(installed);
   }
   const PerThreadRoot& slot = perThreadRoot;
   if (slot.root) {
@@ -105,7 +123,11 @@ void createExternalPerThreadSchedulerIs(PerThreadSchedulerFactory factory) {
     debugAndThrowAssertException(&schedulerTrace(), 0, message, "TaskScheduler",
                                  "createExternalPerThreadSchedulerIs", __LINE__);
   }
-  externalFactory.store(factory);
+  // An exchange rather than a store: of two threads installing different functions at once,
+  // only one succeeds.
+  if (!externalFactory.compare_exchange_strong(installed, factory) && installed != factory) {
+    refuseChange(installed);
+  }
 }
 
 }  // namespace Tarvo

@@ -108,6 +108,19 @@ TEST_F(RootTarvoTest, ThrowingTaskMakesTheLoopThrowAndTheNextLoopGoesOn) {
   good->scheduleTask();  // the scheduler went idle normally: a new request reaches the loop
   Platform::doEventLoop();
   EXPECT_EQ(log, (Log{"good", "later", "good"}));
+
+  // A root held only by its task, whose owner lets go during the throwing run: the root
+  // goes away with the task after the run, not in the middle of it.
+  std::shared_ptr<FnTask> last;
+  last = std::make_shared<FnTask>(schedulerRootTarvoNonShared("short-lived"), TaskPriority::normal,
+                                  "last", [&](FnTask&) {
+                                    last.reset();
+                                    throw std::runtime_error("gone");
+                                  });
+  last->scheduleTask();
+  EXPECT_THROW(Platform::doEventLoop(), std::runtime_error);
+  EXPECT_EQ(last, nullptr);
+  Platform::doEventLoop();  // nothing of the dead root is left armed
 }
 
 TEST_F(RootTarvoTest, RunSwitchesVirtualTimeOff) {

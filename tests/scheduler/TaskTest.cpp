@@ -55,6 +55,9 @@ TEST_F(TaskTest, QuantumIsAtMostOneSecondAndRunsCountViolationsAtTwiceAndFiveTim
   EXPECT_GE(task->taskRunTimeHighWaterMark(), 500ms);
   EXPECT_LT(task->taskRunTimeHighWaterMark(), 550ms);
   EXPECT_GE(task->taskRunTimeTotal(), 1370ms);
+  task->taskQuantumNoCheckIs(std::chrono::nanoseconds::max());  // no overflow at the thresholds
+  runStartedAgo(1ms);
+  EXPECT_EQ(task->taskQuantumViolation200(), 2u);
 }
 
 TEST_F(TaskTest, YieldFollowsTestRatioOrQuantumAndAbortsOutsideARun) {
