@@ -53,7 +53,7 @@ TaskStat record(ConstStringRef name, uint32_t runs, TaskMaybeU32 workHigh, int64
                   2, nanoseconds(runHigh), nanoseconds(runs), nanoseconds(runHigh * 2), S(status));
 }
 
-TEST(TaskStatTest, StatusStringRanksRunningSuspendedAndTimerStates) {
+TEST(TaskStatTest, StatusStringRanksStatesAndMergeSumsCountsKeepsMaximaAndAddsOneDeath) {
   EXPECT_EQ(TaskStat().taskName() + TaskStat().taskStatusString(), " a");
   uint8_t timer = S::taskTimerBit, armed = S::taskTimerRunningBit, queued = S::taskOnRunQueueBit;
   uint8_t running = S::taskCurrentlyRunningBit, suspended = S::taskSuspendedBit;
@@ -65,9 +65,8 @@ TEST(TaskStatTest, StatusStringRanksRunningSuspendedAndTimerStates) {
         std::tuple{suspended | timer | queued, P::scavenge, "SS"}}) {
     EXPECT_EQ(record({}, 0, 0, 0, uint8_t(bits), priority).taskStatusString(), expected);
   }
-}
 
-TEST(TaskStatTest, MergeSumsCountsKeepsLatestAndMaximaAndAddsOneDeath) {
+  // Merging sums counts, keeps the latest status and the maxima, and adds one death.
   ConstStringCache cache;
   ConstStringRef name = cache.intern("conn");
   TaskStat a = record(name, 3, TaskMaybeU32(), 50, 1);
@@ -212,12 +211,11 @@ TEST_F(StatsTest, HistoryRecordsSchedulingStepsAndRejectsEventsOfTheWrongKind) {
             "schedule   t|schedulerRunnable root|busy       t|run start  t|run end    t|"
             "idle       t|schedulerIdle root|");
 
-  auto now = TaskClock::now();
-  EXPECT_DEATH(history.insert(now, TaskSchedulerEventType::runEnd, root.get()),
+  EXPECT_DEATH(history.insert({}, TaskSchedulerEventType::runEnd, root.get()),
                "Event.*EventType: 3");
-  EXPECT_DEATH(history.insert(now, TaskSchedulerEventType::schedulerIdle, task.get()),
+  EXPECT_DEATH(history.insert({}, TaskSchedulerEventType::schedulerIdle, task.get()),
                "Event.*EventType: 15");
-  EXPECT_DEATH(history.insert(now, static_cast<TaskSchedulerEventType>(24), root.get()),
+  EXPECT_DEATH(history.insert({}, static_cast<TaskSchedulerEventType>(24), root.get()),
                "eventNeedTask.*unexpected eventType=24");
 }
 
