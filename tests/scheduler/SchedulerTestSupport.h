@@ -13,14 +13,13 @@ namespace Tarvo::Test {
 class FnTask : public Task {
  public:
   using Body = std::function<void(FnTask&)>;
-  FnTask(std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority, const std::string& name,
-         Body body = {})
+  FnTask(
+      std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority, const std::string& name,
+      Body body = [](FnTask&) {})
       : Task(std::move(scheduler), priority, name), body_(std::move(body)) {}
   void taskExecute() override {
     ++runs;
-    if (body_) {
-      body_(*this);
-    }
+    body_(*this);
   }
   int runs = 0;
 

@@ -1,46 +1,183 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <stdexcept>
 #include <string>
+#include <thread>
+#include <tuple>
 
 #include "Tarvo/Exception.h"
+#include "Tarvo/IntrusiveBookmarkLinkedList.h"
 #include "Tarvo/TaskScheduler.h"
 #include "scheduler/SchedulerTestSupport.h"
 
 namespace Tarvo {
 namespace {
 
+using namespace std::chrono_literals;
 using Test::FnTask;
 using Test::loggingTask;
 
-class TaskSchedulerTest : public ::testing::Test {
- protected:
-  std::shared_ptr<TaskSchedulerRootManual> root = std::make_shared<TaskSchedulerRootManual>("root");
-  std::string log;
-};
-
-TEST_F(TaskSchedulerTest, HighYieldsToNormalAfterNineRuns) {
-  auto high = loggingTask(root, TaskPriority::high, "H", log, [] { return true; });
-  auto normal = loggingTask(root, TaskPriority::normal, "N", log);
-  high->scheduleTask();
-  normal->scheduleTask();
-  for (int i = 0; i < 12; ++i) {
-    root->runOnce();
-  }
-  EXPECT_EQ(log, "HHHHHHHHHNHH");
-  EXPECT_EQ(root->taskRunQueue(TaskPriority::high).consecutivePicks, 2u);
+TEST(TaskPriorityTest, NamesStreamFormsAndAbortsOutOfRange) {
+  EXPECT_EQ(::testing::PrintToString(TaskPriority(TaskPriority::scavenge)), "scavenge");
+  TaskPriority p(TaskPriority::oneBeyondLast);
+  EXPECT_EQ(p.toStrep() + p.oneCharString(), "oneBeyondLast-");
+  EXPECT_EQ(::testing::PrintToString(p), "invalidPriority=5");
+  EXPECT_DEATH(TaskPriority(7).toStrep(), "toStrep.*unexpected priority value invalidPriority=7");
+  EXPECT_DEATH(TaskPriority(200).oneCharString(),
+               "oneCharString.*unexpected priority invalidPriority=200");
+  EXPECT_EQ(TaskKey().toStrep(), "@NULL");
+  EXPECT_EQ(TaskKey(uintptr_t{0xabc}).toStrep(), "@0x00000abc");
+  EXPECT_EQ(TaskKey(uintptr_t{0x7f12345678ab}).toStrep(), "@0x7f12345678ab");
 }
 
-TEST_F(TaskSchedulerTest, LowGetsTurnsScavengeWaitsForAllAndAbsoluteNeverYields) {
-  auto normal = loggingTask(root, TaskPriority::normal, "N", log, [&] { return log.size() < 20; });
+struct Item {
+  ListLinkNode<Item> queueLink_;
+  BookmarkListLinkNode<Item> registeredLink_;
+};
+using Queue = List<Item, ListLinkNode<Item>, &Item::queueLink_>;
+using Registry = BookmarkList<Item, BookmarkListLinkNode<Item>, &Item::registeredLink_>;
+
+TEST(IntrusiveListTest, ElementsUnlinkThemselvesBookmarksAreSkippedAndDoubleLinkingAborts) {
+  Item a, b, c;
+  Queue q, other;
+  {
+    Item d;
+    q.pushBack(d);
+    q.pushBack(b);
+  }
+  EXPECT_EQ(q.front(), &b);
+  EXPECT_DEATH(other.pushBack(b), "!\\( element\\.\\*ptrToLinkNode \\)\\.isLinked\\(\\)");
+
+  Registry r;
+  Registry::Bookmark mark;
+  mark.insertBefore(r.begin());
+  EXPECT_FALSE(r.empty());
+  EXPECT_EQ(r.front(), nullptr);
+  r.pushFront(c);
+  r.pushFront(b);
+  r.pushFront(a);
+  mark.unlink();
+  mark.insertBefore(Registry::ConstIterator(&r, b.registeredLink_.hook_.this_ptr()));
+  EXPECT_EQ(r.next(a), &b);  // traversals step over the bookmark
+  b.registeredLink_.unlink();
+  EXPECT_EQ(r.elementAfter(mark), &c);
+  EXPECT_DEATH(mark.insertBefore(r.begin()), "!link\\.isLinked\\(\\)");
+}
+
+class SchedulerTest : public ::testing::Test {
+ protected:
+  std::shared_ptr<TaskSchedulerRootManual> root = std::make_shared<TaskSchedulerRootManual>("root");
+  std::string log;  // names of the tasks run, or 'y'/'.' for each taskShouldYield() answer
+  std::shared_ptr<FnTask> task =
+      std::make_shared<FnTask>(root, TaskPriority::normal, "task", [this](FnTask& t) {
+        for (int i = 0; i < 6; ++i) {
+          log += t.taskShouldYield() ? 'y' : '.';
+        }
+      });
+
+  TaskTimePoint end;
+  // Runs `task` as if its run had started `d` before now.
+  void ranFor(std::chrono::nanoseconds d) { task->taskDoRun(TaskClock::now() - d, &end); }
+};
+
+TEST_F(SchedulerTest, RunsCountQuantumViolationsAtTwiceAndFiveTimesItAndWorkDone) {
+  EXPECT_EQ(task->taskQuantum(), 20ms);
+  task->taskQuantumIs(1s);
+  task->taskQuantumNoCheckIs(5s);
+  EXPECT_EQ(task->taskQuantum(), 5s);
+  EXPECT_DEATH(task->taskQuantumIs(1s + 1ns), "Quantum: 1000000001ns");
+  EXPECT_DEATH(task->taskQuantumNoCheckIs(0ns), "Quantum: 0ns");
+  root->defaultTaskQuantumIs(7ms);
+  EXPECT_EQ(std::make_shared<FnTask>(root, TaskPriority::normal, "later")->taskQuantum(), 7ms);
+
+  task->taskQuantumIs(100ms);
+  for (auto [ran, v200, v500] : {std::tuple{190ms, 0u, 0u}, std::tuple{200ms, 1u, 0u},
+                                 std::tuple{480ms, 2u, 0u}, std::tuple{500ms, 2u, 1u}}) {
+    ranFor(ran);
+    EXPECT_EQ(task->taskQuantumViolation200(), v200) << ran.count();
+    EXPECT_EQ(task->taskQuantumViolation500(), v500) << ran.count();
+  }
+  EXPECT_GE(task->taskRunTimeHighWaterMark(), 500ms);
+  EXPECT_LT(task->taskRunTimeHighWaterMark(), 550ms);
+  EXPECT_GE(task->taskRunTimeTotal(), 1370ms);
+  task->taskQuantumNoCheckIs(std::chrono::nanoseconds::max());  // no overflow at the thresholds
+  ranFor(1ms);
+  EXPECT_EQ(task->taskQuantumViolation200(), 2u);
+
+  task->taskWorkCountInc(10);
+  task->taskWorkCountInc(20);
+  EXPECT_FLOAT_EQ(task->taskWorkCountDecayAvg(), 11.0f);
+  task->taskWorkCountInc(5000000000ull);
+  task->taskWorkPendingIs(4294967295u);
+  TaskStat stat = task->getStats();
+  EXPECT_EQ(stat.taskWorkCountTotal(), 5000000030ull);
+  EXPECT_EQ(stat.taskWorkCountHighWaterMark().value(), 4294967294u);
+  EXPECT_EQ(stat.taskWorkPendingHighWaterMark().value(), 4294967294u);
+  task->resetStats();
+  EXPECT_FALSE(task->getStats().taskWorkCountHighWaterMark().recorded());
+}
+
+TEST_F(SchedulerTest, YieldFollowsTestRatioOrQuantumAndAbortsOutsideARun) {
+  EXPECT_TRUE(task->taskShouldYield()) << "before any run the real-time rule applies";
+  task->taskTestYieldRatioIs(3);
+  task->taskRunFromTest();
+  root->taskTestYieldRatioIs(2);  // the task's own ratio wins over the root's
+  task->taskRunFromTest();
+  task->taskTestYieldRatioIs(0);  // without one, the root's applies afresh
+  task->taskRunFromTest();
+  EXPECT_EQ(log, "..y..y..y..y.y.y.y");
+  root->taskTestYieldRatioIs(0);
+  root->virtualTimeIs(true);
+  EXPECT_EQ(task->taskShouldYieldMode(), TaskImpl::virtualTime);
+  root->virtualTimeIs(false);
+  log.clear();
+  task->taskQuantumIs(1s);
+  ranFor(0s);
+  ranFor(2s);
+  ranFor(-1h);  // a start in the future also yields
+  EXPECT_EQ(std::string() + log[0] + log[6] + log[12], ".yy");
+  EXPECT_DEATH(task->taskShouldYield(), "taskCurrentlyRunning: 0 taskRunCount: 6");
+}
+
+TEST_F(SchedulerTest, SuspendResumeRunFromTestAndDestructionKeepTheQueueConsistent) {
+  task->taskSuspendedIs(true);
+  task->scheduleTask();
+  EXPECT_FALSE(task->taskScheduled());
+  task->taskSuspendedIs(false);
+  EXPECT_TRUE(task->taskScheduled());
+  task->taskSuspendedIs(true);
+  EXPECT_EQ(root->runnableTaskCount(), 0);
+  task->taskSuspendedIs(false);
+  task->taskRunFromTest();  // a queued task is taken off its queue like a pick
+  EXPECT_EQ(root->runTaskCount(TaskPriority::normal), 1u);
+  EXPECT_EQ(root->runnableTaskCount(), 0);
+  task->scheduleTask();
+  task.reset();  // a destroyed task leaves its queue and registration
+  EXPECT_EQ(root->runnableTaskCount(), 0);
+  EXPECT_EQ(root->registeredTaskCount(), 0u);
+}
+
+TEST_F(SchedulerTest, HighYieldsToNormalAfterNineRunsLowAndScavengeWaitAndAbsoluteNeverYields) {
+  auto high = loggingTask(root, TaskPriority::high, "H", log, [] { return true; });
+  auto normal = loggingTask(root, TaskPriority::normal, "N", log, [&] { return log.size() < 30; });
+  high->scheduleTask();
+  normal->scheduleTask();
+  root->runUntilIdle(12);
+  EXPECT_EQ(log, "HHHHHHHHHNHH");
+  EXPECT_EQ(root->taskRunQueue(TaskPriority::high).consecutivePicks, 2u);
+  high->unscheduleTask();
+
   auto low = loggingTask(root, TaskPriority::low, "L", log);
   auto scavenge = loggingTask(root, TaskPriority::scavenge, "S", log);
+  log.clear();
   normal->scheduleTask();
   low->scheduleTask();
   scavenge->scheduleTask();
   root->runUntilIdle();
-  EXPECT_EQ(log, std::string(9, 'N') + "L" + std::string(10, 'N') + "S");
+  // normal's one pick above counts towards the nine after which low gets its turn
+  EXPECT_EQ(log, std::string(8, 'N') + "L" + std::string(21, 'N') + "S");
 
   log.clear();
   auto absolute =
@@ -51,36 +188,26 @@ TEST_F(TaskSchedulerTest, LowGetsTurnsScavengeWaitsForAllAndAbsoluteNeverYields)
   EXPECT_EQ(log, std::string(50, 'A') + "L");
 }
 
-TEST_F(TaskSchedulerTest, RunRequestsFollowIdleAndRunnableChanges) {
+TEST_F(SchedulerTest, RunRequestsFollowIdleAndRunnableChangesAndSplitQueuesMergeInOrder) {
   auto a = loggingTask(root, TaskPriority::normal, "a", log);
   auto b = loggingTask(root, TaskPriority::normal, "b", log);
-  auto gone = loggingTask(root, TaskPriority::normal, "x", log);
   a->scheduleTask();
   a->scheduleTask();
   b->scheduleTask();
-  gone->scheduleTask();
-  gone->unscheduleTask();
   EXPECT_EQ(root->runRequestCount(), 1u);
-  EXPECT_EQ(root->runnableTaskCount(TaskPriority::normal), 2);
-
   EXPECT_EQ(root->runUntilIdle(), 3u);  // the third run finds nothing: idle, no new request
-  EXPECT_FALSE(root->schedulerHasRunnableTasks());
   EXPECT_EQ(root->runRequestCount(), 3u);
   EXPECT_EQ(root->runTaskCount(TaskPriority::normal), 2u);
   a->scheduleTask();
   EXPECT_EQ(root->runRequestCount(), 4u);
   EXPECT_EQ(root->runUntilIdle(), 2u);
   EXPECT_EQ(log, "aba");
-}
 
-TEST_F(TaskSchedulerTest, SplitQueuesHideNewTasksAndMergeKeepsHeldBackTasksFirst) {
-  auto a = loggingTask(root, TaskPriority::normal, "a", log);
-  auto b = loggingTask(root, TaskPriority::normal, "b", log);
-  auto c = loggingTask(root, TaskPriority::normal, "c", log);
+  // Split queues hide newly scheduled tasks; the merge keeps the held-back ones first.
   a->scheduleTask();
   b->scheduleTask();
   root->taskRunQueuesMovePersistentToTemporary();
-  c->scheduleTask();
+  task->scheduleTask();
   auto now = TaskClock::now();
   EXPECT_EQ(root->pickOneTask(now, TaskPriority::absolute), a.get());
   EXPECT_THAT([&] { root->taskRunQueuesMovePersistentToTemporary(); },
@@ -89,24 +216,23 @@ TEST_F(TaskSchedulerTest, SplitQueuesHideNewTasksAndMergeKeepsHeldBackTasksFirst
                   "empty at this point")));
   root->taskRunQueuesMoveTemporaryToPersistent();
   EXPECT_EQ(root->pickOneTask(now, TaskPriority::absolute), b.get());
-  EXPECT_EQ(root->pickOneTask(now, TaskPriority::absolute), c.get());
+  EXPECT_EQ(root->pickOneTask(now, TaskPriority::absolute), task.get());
   EXPECT_EQ(root->pickOneTask(now, TaskPriority::absolute), nullptr);
 }
 
-TEST_F(TaskSchedulerTest, RunSurvivesThrowingTasksAndOwnersLettingGo) {
+TEST_F(SchedulerTest, RunSurvivesThrowingTasksAndOwnersLettingGo) {
   TaskKey seen;
   auto bad = std::make_shared<FnTask>(root, TaskPriority::normal, "bad", [&](FnTask&) {
     seen = root->currentTask();
     throw std::runtime_error("boom");
   });
-  std::shared_ptr<FnTask> owner;
   bool alive = false;
-  owner = std::make_shared<FnTask>(root, TaskPriority::normal, "once", [&](FnTask& t) {
-    owner.reset();
+  task = std::make_shared<FnTask>(root, TaskPriority::normal, "once", [&](FnTask& t) {
+    task.reset();
     alive = t.taskMagicNumber() == TaskImpl::taskMagicNumberConstructed;
   });
   bad->scheduleTask();
-  owner->scheduleTask();
+  task->scheduleTask();
   EXPECT_THROW(root->runOnce(), std::runtime_error);
   EXPECT_EQ(seen, TaskKey(static_cast<const _TaskBase*>(bad.get())));
   EXPECT_EQ(root->currentTask(), TaskKey());
@@ -114,11 +240,10 @@ TEST_F(TaskSchedulerTest, RunSurvivesThrowingTasksAndOwnersLettingGo) {
   EXPECT_TRUE(root->runPending()) << "the root asks for the next run after a throwing task";
   root->runUntilIdle();
   EXPECT_TRUE(alive);
-  EXPECT_EQ(root->registeredTaskCount(), 1u);
   EXPECT_EQ(root->deadTaskStatForTest("once").taskRunCount(), 1u);
 }
 
-TEST_F(TaskSchedulerTest, ForceYieldBookkeepingReportsEmptyToNonEmptyChanges) {
+TEST(SchedulerForceYieldTest, BookkeepingReportsEmptyToNonEmptyChanges) {
   struct CountingRoot : TaskSchedulerRootManual {
     using TaskSchedulerRootManual::TaskSchedulerRootManual;
     void handleTaskForceYieldInTest() override { ++calls; }
@@ -136,12 +261,46 @@ TEST_F(TaskSchedulerTest, ForceYieldBookkeepingReportsEmptyToNonEmptyChanges) {
   EXPECT_FALSE(counting->tasksForceYieldInTest());
 }
 
-TEST(TaskSchedulerDeathTest, MisuseOfCountsAndPrioritiesAborts) {
-  auto root = std::make_shared<TaskSchedulerRootManual>("root");
-  EXPECT_DEATH(root->tasksPerPriorityDec(TaskPriority::normal), "Priority: normal count: 0");
-  EXPECT_DEATH(root->runnableTaskCount(TaskPriority(5)), "invalidPriority=5");
-  EXPECT_DEATH(root->runTaskCount(TaskPriority(9)), "invalidPriority=9");
+TEST_F(SchedulerTest, MisuseOfTasksCountsPrioritiesThreadsAndRegistryAborts) {
+  struct Plain : Task {
+    using Task::Task;
+    void taskExecute() override { std::destroy_at(this); }
+  };
+  EXPECT_DEATH(Plain(std::shared_ptr<TaskScheduler>(), TaskPriority::low, "x"),
+               "Need a TaskScheduler");
+  alignas(Plain) unsigned char storage[sizeof(Plain)];
+  auto* t = std::construct_at(reinterpret_cast<Plain*>(storage), root, TaskPriority::normal, "x");
+  EXPECT_DEATH(t->taskRunFromTest(),
+               "Task: @0x[0-9a-f]+ taskMagicNumber: 3735936685 taskMagicNumberConstructed: "
+               "1119771390");
+  std::destroy_at(t);
+
+  EXPECT_DEATH(root->tasksPerPriorityDec(TaskPriority::low), "Priority: low count: 0");
   EXPECT_DEATH(FnTask(root, TaskPriority(5), "bad"), "invalidPriority=5");
+  auto other = std::make_shared<TaskSchedulerRootManual>("other");
+  auto b = std::make_shared<FnTask>(other, TaskPriority::normal, "b");
+  auto c = std::make_shared<FnTask>(other, TaskPriority::low, "c");
+  EXPECT_EQ(root->taskGroupCount(), 0u);
+  root->registerScheduler(other.get());
+  EXPECT_EQ(root->taskGroupCount(), 1u);
+  EXPECT_EQ(root->totalRegisteredTaskCount(), 3u);
+  EXPECT_DEATH(root->registerScheduler(other.get()), "insert failed for other");
+  root->unregisterScheduler(other.get());
+  EXPECT_EQ(root->taskGroupCount(), 0u);
+  EXPECT_DEATH(root->unregisterScheduler(other.get()), "delete failed for other");
+  // The root is built inside the death test's child, where a root made before the fork would
+  // stand its check down.
+  EXPECT_DEATH(
+      {
+        FnTask t(std::make_shared<TaskSchedulerRootManual>("r"), TaskPriority::normal, "t");
+        std::thread([&] {
+          pthread_setname_np(pthread_self(), "intruder");
+          t.scheduleTask();
+        }).join();
+      },
+      "Executing in wrong thread [0-9]+\\(intruder\\) pid [0-9]+ scheduler belongs to thread "
+      "[0-9]+\\(" +
+          TaskSchedulerRoot::currentThreadName() + "\\) pid [0-9]+");
 }
 
 }  // namespace
