@@ -14,6 +14,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -46,12 +47,11 @@
 namespace Tarvo::Test {
 namespace {
 
-using ::testing::AllOf, ::testing::EndsWith, ::testing::HasSubstr, ::testing::StartsWith;
+using namespace ::testing;
 
 // Keeps what is traced on it, level by level.
 struct TraceRecorder : Platform::DebugHandler {
-  explicit TraceRecorder(uint32_t levels = kAllLevels)
-      : DebugHandler("TraceRecorder", levels, false) {}
+  explicit TraceRecorder(uint32_t levels = kAllLevels) : DebugHandler("Recorder", levels, false) {}
   void enabledIs(unsigned, bool) override {}  // not registered: nobody switches its levels
   void dump(Platform::DebugStream& stream, unsigned level, const char*, int, const char*) override {
     traced[level] += stream.str() + "\n";
@@ -61,12 +61,11 @@ struct TraceRecorder : Platform::DebugHandler {
   std::string traced[10];
 };
 
-// The message of the exception of type E that `body` throws, or "no exception".
-template <typename E = AssertException>
+// The message of the library exception that `body` throws, or "no exception".
 std::string thrownMessage(const std::function<void()>& body) {
   try {
     body();
-  } catch (const E& e) {
+  } catch (const Exception& e) {
     return e.message();
   }
   return "no exception";
@@ -74,10 +73,7 @@ std::string thrownMessage(const std::function<void()>& body) {
 
 // Open descriptors, counted once the unwinder has set itself up: the first backtrace of a
 // process opens a pipe that the unwinder keeps, which is no leak of the code under test.
-int settledFdCount() {
-  Backtrace warmUp(true);
-  return openFdCount();
-}
+const auto settledFdCount = [] { return Backtrace(true), openFdCount(); };
 
 // A forked child that runs `setup` (takes a lock, opens a file), reports in `setupOk` whether it
 // succeeded and then stays as it is until release() or destruction kill it, or this process ends.
@@ -98,8 +94,7 @@ struct WaitingChild {
   }
   ~WaitingChild() { release(); }
   void release() {
-    if (pid > 0) {
-      ::kill(pid, SIGKILL);
+    if (pid > 0 && ::kill(pid, SIGKILL) == 0) {
       ::waitpid(std::exchange(pid, -1), nullptr, 0);
     }
   }
@@ -180,8 +175,7 @@ TEST(FilesTest, FilesGetExactModesAndFailuresAnswerAsTold) {
   EXPECT_TRUE(Util::mkpath(dir.file("new/sub/dir"), 0755) < 0 && errno == ENOTDIR);
 
   std::string noDir = dir.file("no-such-dir/state");
-  EXPECT_EQ(thrownMessage<RuntimeException>([&] { Util::fileWrite(trace, noDir, "42", false); }),
-            "42");
+  EXPECT_EQ(thrownMessage([&] { Util::fileWrite(trace, noDir, "42", false); }), "42");
   EXPECT_TRUE(trace.has(0, "Util::fileWrite() unable to open " + noDir + " reason:No such file"));
   EXPECT_NO_THROW(Util::fileWrite(trace, noDir, "42", true));
   EXPECT_FALSE(Util::touch(trace, noDir));
@@ -276,13 +270,14 @@ TEST(FileLockTest, OneHolderAtATimeAndMisuseIsRefusedAsTold) {
 
 TEST(LockingTest, OnlyTheHoldingThreadOwnsAndMayUnlock) {
   Locking::Lock lock;
-  const std::string notHeld =
-      "Tarvo::Locking::unlock() attempting to release a lock that is not currently held";
-  auto unlockRefused = [&] { return thrownMessage([&] { lock.unlock(); }).ends_with(notHeld); };
-  EXPECT_TRUE(unlockRefused());
+  const auto refused = MatchesRegex(
+      "Locking:unlock:[0-9]+: Tarvo::Locking::unlock\\(\\) "
+      "attempting to release a lock that is not currently held");
+  EXPECT_THAT(thrownMessage([&] { lock.unlock(); }), refused);
   Locking::ConditionalGuard(lock).releaseIs(false);
   std::thread([&] {
-    EXPECT_TRUE(!lock.owns_lock() && !lock.try_lock() && unlockRefused());
+    EXPECT_FALSE(lock.owns_lock() || lock.try_lock());
+    EXPECT_THAT(thrownMessage([&] { lock.unlock(); }), refused);
   }).join();
   EXPECT_TRUE(lock.owns_lock());  // neither the guard nor the refused unlock released it
   lock.unlock();
@@ -377,18 +372,25 @@ TEST(ProcIntrospectionTest, SocketAndLockOwnersAreFoundAndOpenersAreNot) {
   std::string socketName = "tarvo-proc-test-" + std::to_string(::getpid());
   TraceRecorder trace(0xff);  // not level 9, which traces every descriptor walked
   int fdsBefore = settledFdCount();
+  // Peers connect with the name unpadded, cut at 107 bytes.
+  auto connects = [](int server, const std::string& name) {
+    sockaddr_un peer{AF_UNIX, {}};
+    socklen_t size = sizeof(sa_family_t) + 1 + name.copy(peer.sun_path + 1, 107);
+    int client = ::socket(AF_UNIX, SOCK_SEQPACKET, 0);
+    bool ok = ::listen(server, 1) == 0 &&
+              ::connect(client, reinterpret_cast<sockaddr*>(&peer), size) == 0;
+    return ::close(client) == 0 && ok;
+  };
   int sd = Util::createAndBindSocket(nullptr, socketName);
   EXPECT_EQ(Util::readSocketPid(trace, socketName), static_cast<unsigned>(::getpid()));
-  EXPECT_THAT(
-      thrownMessage<RuntimeException>([&] { Util::createAndBindSocket(nullptr, socketName); }),
-      AllOf(StartsWith("WriterLock::createAndBindSocket() bind() failed for socket:0x"),
-            EndsWith(" error: Address already in use")));
+  EXPECT_TRUE(connects(sd, socketName));
+  EXPECT_THAT(thrownMessage([&] { Util::createAndBindSocket(nullptr, socketName); }),
+              AllOf(StartsWith("WriterLock::createAndBindSocket() bind() failed for socket:0x"),
+                    EndsWith(" error: Address already in use")));
   ::close(sd);
   EXPECT_EQ(Util::readSocketPid(trace, socketName), 0u);
-  // Names past 107 bytes are cut: another tail is the same address.
   sd = Util::createAndBindSocket(nullptr, socketName + std::string(150, 'n'));
-  EXPECT_THROW(Util::createAndBindSocket(nullptr, socketName + std::string(120, 'n') + "x"),
-               RuntimeException);
+  EXPECT_TRUE(connects(sd, socketName + std::string(150, 'n')));
   ::close(sd);
 
   std::optional<FileLock> held;
@@ -456,8 +458,8 @@ TEST(TypenameFromVptr, NamesTypeInAnotherProcessAndExplainsBadTables) {
                        " otherPid:" + std::to_string(pid));
 
   // Word arrays posing as a virtual table and type information in the program's data.
-  static uintptr_t fakeVtable[3] = {0x10, 0x10, 0x10};
-  static uintptr_t fakeTypeInfo[3] = {0x10, 0x10, 0x10};
+  static uintptr_t fakeVtable[3] = {0x10, 0x10, 0x10}, fakeTypeInfo[3] = {0x10, 0x10, 0x10};
+  fakeVtable[0] = 0x10;  // as it started, should the test be repeated
   auto heap = std::make_unique<uintptr_t[]>(64);
   EXPECT_EQ(Util::typenameFromVptr(getpid(), &fakeVtable[1], error), nullptr);
   EXPECT_THAT(error, AllOf(StartsWith("No typeInfo mapping found for vptr:"),
@@ -514,8 +516,7 @@ TEST(Netns, SocketsLandInTheDefaultNamespaceOrFallBackToLocal) {
     return runAsInit([&name] {
       const ino_t defaultNs = inodeOf("/proc/1/ns/net");
       const ino_t testNs = inodeOf("/var/run/netns/" + name);
-      ino_t socketNs = 0;
-      ino_t threadNsAfter = 0;
+      ino_t socketNs = 0, threadNsAfter = 0;
       std::thread([&] {
         if (Netns::setnsByName(name.c_str(), CLONE_NEWNET) == 0) {
           int sd = Util::socket(nullptr, AF_INET, SOCK_DGRAM, 0);
@@ -523,8 +524,7 @@ TEST(Netns, SocketsLandInTheDefaultNamespaceOrFallBackToLocal) {
           socketNs = inodeOf("/proc/self/fd/" + std::to_string(ioctl(sd, SIOCGSKNS)));
         }
       }).join();
-      return (testNs == defaultNs) | (socketNs != defaultNs) << 1 | (threadNsAfter != testNs) << 2 |
-             (inodeOf("/proc/thread-self/ns/net") != defaultNs) << 3;
+      return (testNs == defaultNs) | (socketNs != defaultNs) << 1 | (threadNsAfter != testNs) << 2;
     });
   });
   EXPECT_EQ(std::system(("ip netns del " + name).c_str()), 0);
