@@ -274,7 +274,7 @@ TEST(LockingTest, OnlyTheHoldingThreadOwnsAndMayUnlock) {
       "Locking:unlock:[0-9]+: Tarvo::Locking::unlock\\(\\) "
       "attempting to release a lock that is not currently held");
   EXPECT_THAT(thrownMessage([&] { lock.unlock(); }), refused);
-  Locking::ConditionalGuard(lock).releaseIs(false);
+  Locking::ConditionalGuard(lock).releaseIs(false);  // told to keep the lock held
   std::thread([&] {
     EXPECT_FALSE(lock.owns_lock() || lock.try_lock());
     EXPECT_THAT(thrownMessage([&] { lock.unlock(); }), refused);
@@ -285,7 +285,7 @@ TEST(LockingTest, OnlyTheHoldingThreadOwnsAndMayUnlock) {
     Locking::ConditionalGuard guard(lock);
     lock.unlock();  // the guard then finds nothing to release
   }
-  Locking::ConditionalGuard{lock};
+  Locking::ConditionalGuard{lock};  // a plain guard releases what it took
   EXPECT_TRUE(!lock.owns_lock() && lock.try_lock());
   lock.unlock();
 }
