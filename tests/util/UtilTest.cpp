@@ -21,6 +21,7 @@
 #include <climits>
 #include <fstream>
 #include <functional>
+#include <iomanip>
 #include <iostream>
 #include <optional>
 #include <sstream>
@@ -123,6 +124,17 @@ TEST(Helpers, HashesDumpsAndPrintersGiveTheirExactTexts) {
   EXPECT_EQ(printer->toString(pair), "5");
   IntrospectionMap::insert("Test::Pair", [](const void*) -> const std::string { return ""; });
   EXPECT_EQ(printer->toString(pair), dumpHex(pair, sizeof pair));
+
+  std::ostringstream os;
+  os << std::setw(20) << std::setfill('*') << DisplayPointer(reinterpret_cast<void*>(0xabc)) << " "
+     << DisplayPointer(nullptr) << std::setw(3) << 7;
+  // The pointer ignores the caller's width and fill and leaves them to the next item.
+  EXPECT_EQ(os.str(), "0x00000abc" + std::string(19, '*') + " NULL**7");
+
+  EXPECT_EQ(Util::resolveSym(nullptr, "getpid"), reinterpret_cast<void*>(&getpid));
+  EXPECT_EQ(Util::resolveSym(nullptr, "tarvoNoSuchSymbol"), nullptr);
+  EXPECT_THAT(Util::resolveSymError(), HasSubstr("tarvoNoSuchSymbol"));
+  EXPECT_EQ(Util::resolveSymError(), nullptr) << "reading the reason clears it";
 }
 
 // The child runs print the seed, the first string drawn and whether a second setSeed repeats it.
