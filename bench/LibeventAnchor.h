@@ -2,7 +2,10 @@
 // its own callback, run as a chain of `links` expiries inside one dispatch.
 #pragma once
 
+#include <benchmark/benchmark.h>
 #include <event2/event.h>
+
+#include "Tarvo/LibeventFactory.h"
 
 namespace Tarvo::Bench {
 
@@ -35,5 +38,24 @@ class RawZeroTimerChain {
   event* ev_;
   int left_ = 0;
 };
+
+// Links per chain in the event-loop benchmarks.
+constexpr int kChainLinks = 10000;
+
+// The time of one link, for benchmarks whose iterations each run a chain of kChainLinks.
+inline benchmark::Counter perLink() {
+  return benchmark::Counter(
+      kChainLinks, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+}
+
+// The anchor benchmark itself, on the calling thread's event base.
+inline void rawZeroTimerAnchor(benchmark::State& state) {
+  leInit();
+  RawZeroTimerChain chain(leBase());
+  for (auto _ : state) {
+    chain.run(kChainLinks);
+  }
+  state.counters["per_link"] = perLink();
+}
 
 }  // namespace Tarvo::Bench

@@ -2,7 +2,7 @@
 //  - a task that reschedules itself, one run per loop pass, against a raw libevent timer
 //    re-armed with a zero delay from its own callback (the same loop work with no scheduler);
 //  - the same with 10,000 idle tasks registered: the per-run cost must not depend on them.
-// Each iteration runs a chain of kChain runs inside one loop call; "per_run" is one link.
+// Each iteration runs a chain of kChainLinks runs inside one loop call; "per_link" is one link.
 #include <benchmark/benchmark.h>
 
 #include <memory>
@@ -15,22 +15,10 @@
 
 namespace {
 
-constexpr int kChain = 10000;
+using Tarvo::Bench::kChainLinks;
+using Tarvo::Bench::perLink;
 
-benchmark::Counter perRun() {
-  return benchmark::Counter(
-      kChain, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
-}
-
-void BM_AnchorRawLibeventZeroTimer(benchmark::State& state) {
-  Tarvo::leInit();
-  Tarvo::Bench::RawZeroTimerChain chain(Tarvo::leBase());
-  for (auto _ : state) {
-    chain.run(kChain);
-  }
-  state.counters["per_run"] = perRun();
-}
-BENCHMARK(BM_AnchorRawLibeventZeroTimer);
+BENCHMARK(Tarvo::Bench::rawZeroTimerAnchor)->Name("BM_AnchorRawLibeventZeroTimer");
 
 class Rescheduling : public Tarvo::Task {
  public:
@@ -57,11 +45,11 @@ void BM_SelfReschedulingTask(benchmark::State& state) {
   }
   auto task = std::make_shared<Rescheduling>(root, Tarvo::TaskPriority::normal, "busy");
   for (auto _ : state) {
-    task->left = kChain;
+    task->left = kChainLinks;
     task->scheduleTask();
     Tarvo::Platform::doEventLoop();
   }
-  state.counters["per_run"] = perRun();
+  state.counters["per_link"] = perLink();
 }
 BENCHMARK(BM_SelfReschedulingTask)->Arg(0)->Arg(10000);
 
