@@ -14,7 +14,8 @@
 // So the readings stay within the drift of one resync interval of the reference (well under a
 // microsecond on a steadily running machine), also after long idle stretches and sleeps.
 //
-// Reads take no lock and allocate nothing. The parameters live in two slots: one thread at a
+// Reads take no lock and allocate nothing; everything but the counter read and the scaling is
+// kept out of line. The parameters live in two slots: one thread at a
 // time (a try-lock; the others meanwhile read the end of the current set) writes the inactive
 // slot, then makes it the active one; a per-slot sequence number tells a reader that raced with
 // a rewrite to read again.
@@ -41,37 +42,14 @@ class CycleClock {
 
   // Nanoseconds on the reference clock's scale.
   int64_t nowNs() noexcept {
-    for (;;) {
-      uint8_t active = active_.load(std::memory_order_acquire);
-      if (active == kNone) {
-        int64_t ns;
-        if (calibrating(&ns)) {
-          return ns;
-        }
-        continue;
-      }
-      Slot& slot = slots_[active];
-      uint64_t sequence = slot.sequence.load(std::memory_order_acquire);
-      Params p{slot.baseCycles.load(std::memory_order_acquire),
-               slot.baseNs.load(std::memory_order_acquire),
-               slot.mult.load(std::memory_order_acquire),
-               slot.spanCycles.load(std::memory_order_acquire)};
-      if ((sequence & 1) != 0 || slot.sequence.load(std::memory_order_relaxed) != sequence) {
-        continue;
-      }
-      uint64_t cycles = Source::cycles();
-      uint64_t delta = cycles - p.baseCycles;
-      if (delta < p.spanCycles) {
+    Params p;
+    if (readActive(&p)) [[likely]] {
+      uint64_t delta = Source::cycles() - p.baseCycles;
+      if (delta < p.spanCycles) [[likely]] {
         return scale(p, delta);
       }
-      // The counter is not serialised, so a read can land a few cycles before a base that
-      // another thread has just published: that is the base itself. Further back, the
-      // counter itself went back.
-      if (p.baseCycles - cycles < p.spanCycles) {
-        return p.baseNs;
-      }
-      return resync(p);
     }
+    return nowSlow();
   }
 
   // Frees the resync try-lock, which a thread that does not exist in a forked child may hold.
@@ -97,6 +75,46 @@ class CycleClock {
     uint64_t cycles;
     int64_t ns;
   };
+
+  // The active parameters, unless there are none yet or a rewrite raced with the read.
+  bool readActive(Params* p) const noexcept {
+    uint8_t active = active_.load(std::memory_order_acquire);
+    if (active == kNone) {
+      return false;
+    }
+    const Slot& slot = slots_[active];
+    uint64_t sequence = slot.sequence.load(std::memory_order_acquire);
+    *p = {slot.baseCycles.load(std::memory_order_acquire),
+          slot.baseNs.load(std::memory_order_acquire), slot.mult.load(std::memory_order_acquire),
+          slot.spanCycles.load(std::memory_order_acquire)};
+    return (sequence & 1) == 0 && slot.sequence.load(std::memory_order_relaxed) == sequence;
+  }
+
+  [[gnu::noinline, gnu::cold]] int64_t nowSlow() noexcept {
+    for (;;) {
+      Params p;
+      if (!readActive(&p)) {
+        int64_t ns;
+        if (active_.load(std::memory_order_acquire) == kNone && calibrating(&ns)) {
+          return ns;
+        }
+        continue;
+      }
+      uint64_t cycles = Source::cycles();
+      uint64_t delta = cycles - p.baseCycles;
+      if (delta < p.spanCycles) {
+        return scale(p, delta);
+      }
+      // The counter is not serialised, so a read can land a few cycles before a base that
+      // another thread has just published: that is the base itself. Further back, the
+      // counter itself went back.
+      if (p.baseCycles - cycles < p.spanCycles) {
+        return p.baseNs;
+      }
+      // No reader of these parameters has answered more than their value at the span's end.
+      return resync(scale(p, p.spanCycles));
+    }
+  }
 
   static int64_t scale(const Params& p, uint64_t delta) noexcept {
     return p.baseNs + static_cast<int64_t>(static_cast<unsigned __int128>(delta) * p.mult >> 32);
@@ -166,9 +184,8 @@ class CycleClock {
     return true;
   }
 
-  int64_t resync(const Params& p) noexcept {
-    // No reader of these parameters has answered more than their value at the end of the span.
-    int64_t end = scale(p, p.spanCycles);
+  // `end`: the value of the current parameters at the end of their span.
+  int64_t resync(int64_t end) noexcept {
     if (!tryLock()) {
       return end;
     }
