@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
+#include <functional>
 #include <thread>
 #include <vector>
 
@@ -11,12 +12,22 @@
 
 namespace {
 
-// A counter and a reference clock that move only when the test says so.
+// A counter and a reference clock that move only when the test says so. `interrupt` runs
+// once, inside the counter read that follows `readsBeforeInterrupt` others: another thread
+// getting in at that point.
 struct FakeSource {
   static inline uint64_t counter;
   static inline int64_t reference;
   static inline bool usable;
-  static uint64_t cycles() { return counter; }
+  static inline int readsBeforeInterrupt = -1;
+  static inline std::function<void()> interrupt;
+
+  static uint64_t cycles() {
+    if (readsBeforeInterrupt >= 0 && readsBeforeInterrupt-- == 0) {
+      interrupt();
+    }
+    return counter;
+  }
   static int64_t referenceNs() { return reference; }
   static bool cyclesUsable() { return usable; }
 
@@ -24,6 +35,7 @@ struct FakeSource {
     counter = 1'000'000'000;
     reference = 7'000'000'000;
     usable = counterUsable;
+    readsBeforeInterrupt = -1;
   }
   // Both move: three counts per nanosecond, the reference at (1 + ppm / 10^6) of that.
   static void advance(int64_t ns, int64_t ppm = 0) {
@@ -57,11 +69,18 @@ int64_t followFor(FakeClock& clock, int ms, int64_t ppm, int settleMs, int64_t* 
 TEST(CycleClock, CalibratesOnTheReferenceThenScalesTheCounter) {
   FakeSource::reset(true);
   FakeClock clock;
-  // Calibrating: every reading is the reference, even when the counter does not agree.
+  // Calibrating: every reading is the reference. The machine pauses in the second half-window
+  // (the reference moves on, the counter does not), so the two halves disagree and the
+  // measurement starts over; two clean halves later the rate is the counter's true one.
   EXPECT_EQ(clock.nowNs(), FakeSource::reference);
   FakeSource::advance(5 * kMs);
   EXPECT_EQ(clock.nowNs(), FakeSource::reference);
   FakeSource::advance(5 * kMs);
+  FakeSource::reference += 2 * kMs;
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(clock.nowNs(), FakeSource::reference);
+    FakeSource::advance(5 * kMs);
+  }
   int64_t calibrated = FakeSource::reference;
   EXPECT_EQ(clock.nowNs(), calibrated);
   // From now on the counter alone moves the clock.
@@ -104,6 +123,45 @@ TEST(CycleClock, JumpsForwardAfterASleepAndNeverBack) {
   EXPECT_GE(held, previous);
   previous = held;
   EXPECT_LE(followFor(clock, 300, 0, 150, &previous), 2);
+}
+
+TEST(CycleClock, AResyncThatLostTheRaceReadsAgain) {
+  FakeSource::reset(true);
+  FakeClock clock;
+  int64_t previous = 0;
+  // The reference runs slow through a whole span, so the clock is ahead of it at the resync,
+  // and a stale resync would start below what the newer parameters have already answered.
+  followFor(clock, 100, 0, 0, &previous);
+  FakeSource::advance(FakeClock::kResyncNs + kMs, -800);
+  // This read finds its parameters past their span; before it gets to resync them, another
+  // thread resyncs and reads again a millisecond later.
+  int64_t otherRead = 0;
+  FakeSource::interrupt = [&] {
+    clock.nowNs();
+    FakeSource::advance(kMs, -800);
+    otherRead = clock.nowNs();
+  };
+  FakeSource::readsBeforeInterrupt = 1;
+  int64_t read = clock.nowNs();
+  ASSERT_GT(otherRead, 0) << "the interruption ran";
+  EXPECT_GE(read, otherRead);
+  EXPECT_GE(clock.nowNs(), read);
+}
+
+TEST(CycleClock, FallsBackToTheReferenceWhenTheCounterTurnsUnusable) {
+  FakeSource::reset(true);
+  FakeClock clock;
+  int64_t previous = 0;
+  followFor(clock, 100, 0, 0, &previous);
+  // The kernel stops trusting the counter; the clock, ahead of a slow reference, notices at
+  // its next check and from then on holds until the reference passes it.
+  FakeSource::usable = false;
+  followFor(clock, FakeClock::kRecheckResyncs * 50 + 100, -500, 0, &previous);
+  FakeSource::counter = 0;
+  for (int i = 0; i < 3; ++i) {
+    FakeSource::advance(kMs);
+    EXPECT_EQ(clock.nowNs(), FakeSource::reference);
+  }
 }
 
 TEST(CycleClock, UnusableCounterLeavesTheReferenceClock) {
