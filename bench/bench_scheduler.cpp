@@ -4,8 +4,9 @@
 //   BM_LibeventZeroTimer      anchor: one loop iteration of a zero-delay libevent timer that
 //                             re-arms itself from its own callback
 //   BM_AsioPostChain          anchor: one handler of a Boost.Asio post chain
-//   BM_SteadyClockRead        anchor: one read of the steady clock (a scheduled, picked and
-//                             run task takes three: scheduled, run start, run end)
+//   BM_SteadyClockRead        anchor: one read of the steady clock
+//   BM_TaskClockRead          one read of the scheduler's clock (a scheduled, picked and run
+//                             task takes three: scheduled, run start, run end)
 //   BM_HistoryInsert          one history event
 //   BM_TraceMaskTest          anchor: a plain `if (mask & bit)`
 //   BM_TaskLifecycle          a task created, run once and destroyed under one name; reports
@@ -87,6 +88,13 @@ void BM_SteadyClockRead(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_SteadyClockRead);
+
+void BM_TaskClockRead(benchmark::State& state) {
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(Tarvo::TaskClock::now());
+  }
+}
+BENCHMARK(BM_TaskClockRead);
 
 void BM_HistoryInsert(benchmark::State& state) {
   auto root = std::make_shared<Tarvo::TaskSchedulerRootManual>("bench");

@@ -6,6 +6,7 @@
 // impossibilities inside the library end the process through Tarvo::fatal / Tarvo::check.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <exception>
 #include <source_location>
@@ -45,11 +46,14 @@ class Backtrace {
 };
 
 // Root of the library's exceptions. what() is "<name>(\"<message>\")\nBacktrace:\n<frames>",
-// the parenthesised part left out when the message is empty; it is built once, on first use,
-// so the first what() of an exception shared between threads must not race with another.
+// the parenthesised part left out when the message is empty. The text is built on the first
+// what(), which any number of threads may call at once (one text wins, the others are
+// dropped); a copy of the exception builds its own.
 class Exception : public std::exception {
  public:
   Exception(std::string message, bool backtrace);
+  Exception(const Exception& other);
+  Exception& operator=(const Exception& other);
   ~Exception() override;
 
   const char* what() const noexcept override;
@@ -63,7 +67,8 @@ class Exception : public std::exception {
  private:
   Backtrace backtrace_;
   std::string message_;
-  mutable std::string what_;
+  // Owned; null until the first what().
+  mutable std::atomic<const std::string*> what_{nullptr};
 };
 
 #define TARVO_DECLARE_EXCEPTION_(Class, Base)                                       \

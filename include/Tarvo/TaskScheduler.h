@@ -23,7 +23,6 @@
 
 #include <pthread.h>
 #include <sys/types.h>
-#include <time.h>
 
 #include <chrono>
 #include <cstdint>
@@ -40,6 +39,7 @@
 #include "Tarvo/IntrusiveBookmarkLinkedList.h"
 #include "Tarvo/IntrusiveLinkedListBase.h"
 #include "Tarvo/SchedulerHistory.h"
+#include "Tarvo/TaskClock.h"
 #include "Tarvo/TaskPriority.h"
 #include "Tarvo/TaskStat.h"
 
@@ -48,17 +48,6 @@ namespace Tarvo {
 class TaskScheduler;
 class TaskSchedulerRoot;
 class TimerTask;
-
-using TaskTimePoint = std::chrono::steady_clock::time_point;
-
-// The scheduler's clock: std::chrono::steady_clock, read without the library call in between.
-struct TaskClock {
-  static TaskTimePoint now() noexcept {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return TaskTimePoint(std::chrono::seconds(ts.tv_sec) + std::chrono::nanoseconds(ts.tv_nsec));
-  }
-};
 
 // Identity, scheduler link, priority, names and busy state shared by every kind of task.
 // Owned through std::shared_ptr; a task keeps its scheduler alive.

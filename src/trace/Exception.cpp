@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <memory>
 #include <string>
 
 #include "Tarvo/Debug.h"
@@ -12,19 +13,37 @@ namespace Tarvo {
 Exception::Exception(std::string message, bool backtrace)
     : backtrace_(backtrace), message_(std::move(message)) {}
 
-Exception::~Exception() = default;
+Exception::Exception(const Exception& other)
+    : std::exception(other), backtrace_(other.backtrace_), message_(other.message_) {}
+
+Exception& Exception::operator=(const Exception& other) {
+  if (this != &other) {
+    backtrace_ = other.backtrace_;
+    message_ = other.message_;
+    std::unique_ptr<const std::string> dropped(what_.exchange(nullptr));
+  }
+  return *this;
+}
+
+Exception::~Exception() {
+  std::unique_ptr<const std::string> owned(what_.load(std::memory_order_relaxed));
+}
 
 const char* Exception::what() const noexcept {
-  if (what_.empty()) {
-    std::string text = name();
+  const std::string* text = what_.load(std::memory_order_acquire);
+  if (text == nullptr) {
+    auto built = std::make_unique<std::string>(name());
     if (!message_.empty()) {
-      text += "(\"" + message_ + "\")";
+      *built += "(\"" + message_ + "\")";
     }
-    text += "\nBacktrace:\n";
-    text += backtrace_.pretty();
-    what_ = std::move(text);
+    *built += "\nBacktrace:\n";
+    *built += backtrace_.pretty();
+    if (what_.compare_exchange_strong(text, built.get(), std::memory_order_acq_rel,
+                                      std::memory_order_acquire)) {
+      text = built.release();
+    }
   }
-  return what_.c_str();
+  return text->c_str();
 }
 
 void Exception::throwException(const std::string& message) {

@@ -3,6 +3,8 @@
 
 #include <functional>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "Tarvo/Debug.h"
 #include "Tarvo/Exception.h"
@@ -50,6 +52,40 @@ TEST(Exception, WhatCarriesNameMessageAndBacktrace) {
   } catch (const Exception& e) {
     EXPECT_THAT(e.what(), StartsWith("Tarvo::AssertException(\"boom\")\nBacktrace:\n"));
     EXPECT_EQ(e.what(), e.what()) << "the text is built once and cached";
+  }
+}
+
+TEST(Exception, ThreadsShareOneWhatTextAndACopyBuildsItsOwn) {
+  std::exception_ptr shared;
+  try {
+    RuntimeException::throwException("shared");
+  } catch (...) {
+    shared = std::current_exception();
+  }
+  auto textOf = [&shared] {
+    try {
+      std::rethrow_exception(shared);
+    } catch (const Exception& e) {
+      return e.what();
+    }
+  };
+  const char* texts[4] = {};
+  std::vector<std::thread> threads;
+  for (const char*& text : texts) {
+    threads.emplace_back([&text, &textOf] { text = textOf(); });
+  }
+  for (std::thread& t : threads) {
+    t.join();
+  }
+  for (const char* text : texts) {
+    EXPECT_EQ(text, texts[0]) << "every thread sees the one published text";
+  }
+  try {
+    std::rethrow_exception(shared);
+  } catch (const Exception& e) {
+    RuntimeException copy = static_cast<const RuntimeException&>(e);
+    EXPECT_NE(copy.what(), e.what());
+    EXPECT_STREQ(copy.what(), e.what());
   }
 }
 

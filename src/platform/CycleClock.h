@@ -1,0 +1,326 @@
+// A clock read from the CPU's cycle counter and kept in step with a reference clock (the
+// kernel's monotonic clock), so that a time stamp costs one counter read instead of a clock
+// call. The scheduler stamps every schedule, run start and run end with it.
+//
+// Calibration. Until the counter's rate is known every read returns the reference clock. The
+// rate is measured over two consecutive half-windows of kCalibrationNs / 2 that must agree
+// (within 0.1%) on a plausible rate (a counter of 0.2 to 10 GHz); otherwise the window slides
+// on and the measurement starts over.
+//
+// Running. A read scales the counter by published parameters, which are good for kResyncNs;
+// the first read past that span samples the reference again and publishes a new set that
+//  - starts at the reference, or where the old set ends if that is later (a clock ahead of the
+//    reference is slowed, never set back);
+//  - runs at the reference's rate measured between the last two samples (a rate far from the
+//    current one is taken only when two intervals in a row agree on it: one such interval is a
+//    sleep or a counter reset), slowed as needed to lose any lead by the next resync.
+// So the readings stay within the drift of one resync interval of the reference (well under a
+// microsecond on a steadily running machine), also after long idle stretches and sleeps. Every
+// kRecheckResyncs resyncs the resyncing thread asks `cyclesUsable()` again; once it says no,
+// every read is the reference clock, held at least at the last value handed out.
+//
+// Ordering. Within a thread readings never go back. The counter read is not serialised (a
+// serialised read costs as much as a clock call), so it may execute a little before the code
+// around it: across threads, a reading taken after learning of another thread's reading can be
+// smaller than it by up to a few hundred nanoseconds. A reading is also up to a few tens of
+// nanoseconds ahead of the reference, because each sample pairs the reference with the counter
+// read just before it.
+//
+// Concurrency. Reads take no lock and allocate nothing; everything but the slot loads, the
+// counter read and the scaling is kept out of line. The parameters live in two slots: one
+// thread at a time (a try-lock) writes the inactive slot, then makes it the active one, and a
+// per-slot sequence number tells a reader that raced with a rewrite to read again. A resync
+// first checks that nobody published since it read the parameters it is replacing. While one
+// thread resyncs, readers past the span answer the value at its end: time stands still for
+// them until the new set is out (a few hundred nanoseconds, unless the resyncing thread loses
+// its processor meanwhile).
+//
+// `Source` supplies three static functions: `uint64_t cycles()`, `int64_t referenceNs()` and
+// `bool cyclesUsable()`: false makes every read the reference clock.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+namespace Tarvo {
+
+template <class Source>
+class CycleClock {
+ public:
+  static constexpr int64_t kCalibrationNs = 10'000'000;
+  static constexpr int64_t kResyncNs = 50'000'000;
+  static constexpr unsigned kRecheckResyncs = 100;
+
+  constexpr CycleClock() noexcept = default;
+  CycleClock(const CycleClock&) = delete;
+  CycleClock& operator=(const CycleClock&) = delete;
+
+  // Nanoseconds on the reference clock's scale.
+  int64_t nowNs() noexcept {
+    Params p;
+    Seen seen;
+    if (readActive(&p, &seen)) [[likely]] {
+      uint64_t delta = Source::cycles() - p.baseCycles;
+      if (delta < p.spanCycles) [[likely]] {
+        return scale(p, delta);
+      }
+    }
+    return nowSlow();
+  }
+
+  // For the child of fork, where the threads other than the forking one are gone: frees the
+  // try-lock and completes a slot that one of them was writing (it is the inactive slot, and
+  // it is written in full before it is made active).
+  void forkChild() noexcept {
+    for (Slot& slot : slots_) {
+      uint64_t sequence = slot.sequence.load(std::memory_order_relaxed);
+      if ((sequence & 1) != 0) {
+        slot.sequence.store(sequence + 1, std::memory_order_relaxed);
+      }
+    }
+    updating_.store(false, std::memory_order_relaxed);
+  }
+
+ private:
+  static constexpr uint8_t kNone = 2;
+  // Nanoseconds per cycle times 2^32, for counters of 10 GHz and of 0.2 GHz.
+  static constexpr unsigned __int128 kMinMult = (static_cast<unsigned __int128>(1) << 32) / 10;
+  static constexpr unsigned __int128 kMaxMult = static_cast<unsigned __int128>(5) << 32;
+
+  struct Params {
+    uint64_t baseCycles;
+    int64_t baseNs;
+    uint64_t mult;  // nanoseconds per cycle, times 2^32
+    uint64_t spanCycles;
+  };
+  // Which publication a reader used.
+  struct Seen {
+    uint8_t slot;
+    uint64_t sequence;
+  };
+  struct Slot {
+    std::atomic<uint64_t> sequence{0};
+    std::atomic<uint64_t> baseCycles{0};
+    std::atomic<int64_t> baseNs{0};
+    std::atomic<uint64_t> mult{0};
+    std::atomic<uint64_t> spanCycles{0};
+  };
+  struct Sample {
+    uint64_t cycles;
+    int64_t ns;
+  };
+
+  // The active parameters, unless there are none or a rewrite raced with the read.
+  bool readActive(Params* p, Seen* seen) const noexcept {
+    uint8_t active = active_.load(std::memory_order_acquire);
+    if (active == kNone) {
+      return false;
+    }
+    const Slot& slot = slots_[active];
+    uint64_t sequence = slot.sequence.load(std::memory_order_acquire);
+    *p = {slot.baseCycles.load(std::memory_order_acquire),
+          slot.baseNs.load(std::memory_order_acquire), slot.mult.load(std::memory_order_acquire),
+          slot.spanCycles.load(std::memory_order_acquire)};
+    *seen = {active, sequence};
+    return (sequence & 1) == 0 && slot.sequence.load(std::memory_order_relaxed) == sequence;
+  }
+
+  [[gnu::noinline, gnu::cold]] int64_t nowSlow() noexcept {
+    for (;;) {
+      Params p;
+      Seen seen;
+      int64_t ns;
+      if (!readActive(&p, &seen)) {
+        if (active_.load(std::memory_order_acquire) == kNone && calibrating(&ns)) {
+          return ns;
+        }
+        continue;
+      }
+      uint64_t cycles = Source::cycles();
+      uint64_t delta = cycles - p.baseCycles;
+      if (delta < p.spanCycles) {
+        return scale(p, delta);
+      }
+      // A read can land a few cycles before a base that another thread has just published:
+      // that is the base itself. Further back, the counter itself went back.
+      if (p.baseCycles - cycles < p.spanCycles) {
+        return p.baseNs;
+      }
+      // No reader of these parameters has answered more than their value at the span's end.
+      if (resync(seen, scale(p, p.spanCycles), &ns)) {
+        return ns;
+      }
+    }
+  }
+
+  static int64_t scale(const Params& p, uint64_t delta) noexcept {
+    return p.baseNs + static_cast<int64_t>(static_cast<unsigned __int128>(delta) * p.mult >> 32);
+  }
+
+  // Nanoseconds per cycle between two samples, times 2^32; zero unless both moved forward at a
+  // plausible rate.
+  static uint64_t rate(const Sample& from, const Sample& to) noexcept {
+    if (to.cycles <= from.cycles || to.ns <= from.ns) {
+      return 0;
+    }
+    unsigned __int128 mult =
+        (static_cast<unsigned __int128>(to.ns - from.ns) << 32) / (to.cycles - from.cycles);
+    return mult < kMinMult || mult > kMaxMult ? 0 : static_cast<uint64_t>(mult);
+  }
+
+  // Within 0.1%: time adjustments slew the reference by at most 0.05%.
+  static bool near(uint64_t a, uint64_t b) noexcept { return (a > b ? a - b : b - a) <= b / 1000; }
+
+  static uint64_t cyclesIn(int64_t ns, uint64_t mult) noexcept {
+    return static_cast<uint64_t>((static_cast<unsigned __int128>(ns) << 32) / mult);
+  }
+
+  // A reference reading paired with the counter read just before it, so that the pair never
+  // puts the reference earlier than it was at that count; the tighter of two brackets.
+  static Sample sample() noexcept {
+    Sample best{0, 0};
+    uint64_t bestSpan = UINT64_MAX;
+    for (int i = 0; i < 2; ++i) {
+      uint64_t before = Source::cycles();
+      int64_t ns = Source::referenceNs();
+      uint64_t span = Source::cycles() - before;
+      if (i == 0 || span < bestSpan) {
+        bestSpan = span;
+        best = {before, ns};
+      }
+    }
+    return best;
+  }
+
+  // Without parameters: answers the reference clock in *ns and returns true, or returns false
+  // if parameters appeared meanwhile.
+  bool calibrating(int64_t* ns) noexcept {
+    if (referenceOnly_.load(std::memory_order_acquire)) {
+      int64_t floor = floorNs_.load(std::memory_order_relaxed);
+      int64_t reference = Source::referenceNs();
+      *ns = reference > floor ? reference : floor;
+      return true;
+    }
+    if (!tryLock()) {
+      *ns = Source::referenceNs();
+      return true;
+    }
+    if (active_.load(std::memory_order_relaxed) != kNone) {
+      unlock();
+      return false;
+    }
+    Sample now = sample();
+    if (!started_) {
+      started_ = true;
+      first_ = now;
+      if (!Source::cyclesUsable()) {
+        referenceOnly_.store(true, std::memory_order_release);
+      }
+    } else if (!haveMid_) {
+      if (now.ns - first_.ns >= kCalibrationNs / 2) {
+        mid_ = now;
+        haveMid_ = true;
+      }
+    } else if (now.ns - mid_.ns >= kCalibrationNs / 2) {
+      uint64_t early = rate(first_, mid_);
+      uint64_t late = rate(mid_, now);
+      if (early != 0 && late != 0 && near(late, early)) {
+        uint64_t mult = rate(first_, now);
+        publish({now.cycles, now.ns, mult, cyclesIn(kResyncNs, mult)});
+        rate_ = lastMeasured_ = mult;
+        last_ = now;
+      } else {
+        first_ = mid_;
+        mid_ = now;
+      }
+    }
+    unlock();
+    *ns = now.ns;
+    return true;
+  }
+
+  // `seen`: the parameters the caller found past their span; `end`: their value at its end.
+  // Returns false if another thread published since, so the caller reads again.
+  bool resync(const Seen& seen, int64_t end, int64_t* ns) noexcept {
+    if (!tryLock()) {
+      *ns = end;
+      return true;
+    }
+    if (active_.load(std::memory_order_relaxed) != seen.slot ||
+        slots_[seen.slot].sequence.load(std::memory_order_relaxed) != seen.sequence) {
+      unlock();
+      return false;
+    }
+    Sample now = sample();
+    int64_t base = now.ns > end ? now.ns : end;
+    if (++resyncs_ % kRecheckResyncs == 0 && !Source::cyclesUsable()) {
+      floorNs_.store(base, std::memory_order_relaxed);
+      referenceOnly_.store(true, std::memory_order_release);
+      active_.store(kNone, std::memory_order_release);
+      unlock();
+      *ns = base;
+      return true;
+    }
+    // A rate far from the current one means a jump (the machine slept, the counter was reset),
+    // not a change of rate, unless the previous interval measured it too.
+    if (uint64_t measured = rate(last_, now)) {
+      if (near(measured, rate_) || near(measured, lastMeasured_)) {
+        rate_ = measured;
+      }
+      lastMeasured_ = measured;
+    }
+    Params next{now.cycles, base, rate_, cyclesIn(kResyncNs, rate_)};
+    if (now.ns < end) {
+      // Ahead of the reference: run slow enough to meet it at the next resync (at most half
+      // speed).
+      int64_t lead = end - now.ns;
+      if (lead > kResyncNs / 2) {
+        lead = kResyncNs / 2;
+      }
+      next.mult = static_cast<uint64_t>(static_cast<unsigned __int128>(rate_) *
+                                        static_cast<uint64_t>(kResyncNs - lead) / kResyncNs);
+    }
+    publish(next);
+    last_ = now;
+    unlock();
+    *ns = base;
+    return true;
+  }
+
+  void publish(const Params& p) noexcept {
+    uint8_t next = active_.load(std::memory_order_relaxed) == 0 ? 1 : 0;
+    Slot& slot = slots_[next];
+    // Odd while the slot is rewritten; the acquire half keeps the stores below after it.
+    slot.sequence.fetch_add(1, std::memory_order_acq_rel);
+    slot.baseCycles.store(p.baseCycles, std::memory_order_release);
+    slot.baseNs.store(p.baseNs, std::memory_order_release);
+    slot.mult.store(p.mult, std::memory_order_release);
+    slot.spanCycles.store(p.spanCycles, std::memory_order_release);
+    slot.sequence.fetch_add(1, std::memory_order_release);
+    active_.store(next, std::memory_order_release);
+  }
+
+  // Tests before it exchanges, so that readers waiting on a resync do not fight over the line.
+  bool tryLock() noexcept {
+    return !updating_.load(std::memory_order_relaxed) &&
+           !updating_.exchange(true, std::memory_order_acquire);
+  }
+  void unlock() noexcept { updating_.store(false, std::memory_order_release); }
+
+  std::atomic<uint8_t> active_{kNone};
+  std::atomic<bool> updating_{false};
+  std::atomic<bool> referenceOnly_{false};
+  std::atomic<int64_t> floorNs_{0};
+  Slot slots_[2];
+  // Written only under the try-lock.
+  bool started_ = false;
+  bool haveMid_ = false;
+  Sample first_{0, 0};
+  Sample mid_{0, 0};
+  Sample last_{0, 0};
+  uint64_t rate_ = 0;          // the reference's rate, as a mult
+  uint64_t lastMeasured_ = 0;  // the rate the last resync measured
+  unsigned resyncs_ = 0;
+};
+
+}  // namespace Tarvo

@@ -1,0 +1,201 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <functional>
+#include <thread>
+#include <vector>
+
+#include "Tarvo/TaskClock.h"
+#include "platform/CycleClock.h"
+
+namespace {
+
+// A counter and a reference clock that move only when the test says so. `interrupt` runs
+// once, inside the counter read that follows `readsBeforeInterrupt` others: another thread
+// getting in at that point.
+struct FakeSource {
+  static inline uint64_t counter;
+  static inline int64_t reference;
+  static inline bool usable;
+  static inline int readsBeforeInterrupt = -1;
+  static inline std::function<void()> interrupt;
+
+  static uint64_t cycles() {
+    if (readsBeforeInterrupt >= 0 && readsBeforeInterrupt-- == 0) {
+      interrupt();
+    }
+    return counter;
+  }
+  static int64_t referenceNs() { return reference; }
+  static bool cyclesUsable() { return usable; }
+
+  static void reset(bool counterUsable) {
+    counter = 1'000'000'000;
+    reference = 7'000'000'000;
+    usable = counterUsable;
+    readsBeforeInterrupt = -1;
+  }
+  // Both move: three counts per nanosecond, the reference at (1 + ppm / 10^6) of that.
+  static void advance(int64_t ns, int64_t ppm = 0) {
+    counter += static_cast<uint64_t>(3 * ns);
+    reference += ns + ns * ppm / 1'000'000;
+  }
+};
+
+using FakeClock = Tarvo::CycleClock<FakeSource>;
+constexpr int64_t kMs = 1'000'000;
+
+// Reads every 10 microseconds for `ms`, checking that readings never go back; returns the
+// largest distance from the reference seen after the first `settleMs`.
+int64_t followFor(FakeClock& clock, int ms, int64_t ppm, int settleMs, int64_t* previous) {
+  constexpr int kReadsPerMs = 100;
+  int64_t worst = 0;
+  for (int i = 0; i < ms * kReadsPerMs; ++i) {
+    FakeSource::advance(kMs / kReadsPerMs, ppm);
+    int64_t now = clock.nowNs();
+    if (now < *previous) {
+      ADD_FAILURE() << "went back by " << *previous - now << " ns after " << i << " reads";
+    }
+    *previous = now;
+    if (i >= settleMs * kReadsPerMs) {
+      worst = std::max(worst, std::abs(now - FakeSource::reference));
+    }
+  }
+  return worst;
+}
+
+TEST(CycleClock, CalibratesOnTheReferenceThenScalesTheCounter) {
+  FakeSource::reset(true);
+  FakeClock clock;
+  // Calibrating: every reading is the reference. The machine pauses in the second half-window
+  // (the reference moves on, the counter does not), so the two halves disagree and the
+  // measurement starts over; two clean halves later the rate is the counter's true one.
+  EXPECT_EQ(clock.nowNs(), FakeSource::reference);
+  FakeSource::advance(5 * kMs);
+  EXPECT_EQ(clock.nowNs(), FakeSource::reference);
+  FakeSource::advance(5 * kMs);
+  FakeSource::reference += 2 * kMs;
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(clock.nowNs(), FakeSource::reference);
+    FakeSource::advance(5 * kMs);
+  }
+  int64_t calibrated = FakeSource::reference;
+  EXPECT_EQ(clock.nowNs(), calibrated);
+  // From now on the counter alone moves the clock.
+  FakeSource::counter += 3 * kMs;
+  EXPECT_NEAR(clock.nowNs(), calibrated + kMs, 1);
+  FakeSource::reference += 40 * kMs;
+  EXPECT_NEAR(clock.nowNs(), calibrated + kMs, 1) << "the reference is only read at a resync";
+}
+
+TEST(CycleClock, FollowsTheReferenceWhenItsRateChanges) {
+  FakeSource::reset(true);
+  FakeClock clock;
+  int64_t previous = 0;
+  EXPECT_LE(followFor(clock, 500, 0, 20, &previous), 1);
+  // The reference speeds up and slows down by 500 ppm (the most that time adjustments slew
+  // it): the lag stays within one resync interval's drift and vanishes once the new rate is
+  // measured.
+  constexpr int64_t kIntervalDrift = FakeClock::kResyncNs * 500 / 1'000'000;
+  EXPECT_LE(followFor(clock, 300, 500, 0, &previous), 2 * kIntervalDrift);
+  EXPECT_LE(followFor(clock, 300, 500, 150, &previous), 2);
+  EXPECT_LE(followFor(clock, 300, -500, 0, &previous), 2 * kIntervalDrift);
+  EXPECT_LE(followFor(clock, 300, -500, 150, &previous), 2);
+}
+
+TEST(CycleClock, JumpsForwardAfterASleepAndNeverBack) {
+  FakeSource::reset(true);
+  FakeClock clock;
+  int64_t previous = 0;
+  followFor(clock, 100, 0, 0, &previous);
+  // Suspended for a minute: the reference moved on, the counter did not.
+  FakeSource::reference += 60'000 * kMs;
+  FakeSource::counter += 3 * FakeClock::kResyncNs;
+  EXPECT_EQ(clock.nowNs(), FakeSource::reference);
+  previous = FakeSource::reference;
+  EXPECT_LE(followFor(clock, 200, 0, 60, &previous), 2);
+  // The counter starts again from zero: the clock resyncs at once without going back, then
+  // runs slow until the reference catches up with it.
+  FakeSource::counter = 0;
+  int64_t held = clock.nowNs();
+  EXPECT_GE(held, previous);
+  previous = held;
+  EXPECT_LE(followFor(clock, 300, 0, 150, &previous), 2);
+}
+
+TEST(CycleClock, AResyncThatLostTheRaceReadsAgain) {
+  FakeSource::reset(true);
+  FakeClock clock;
+  int64_t previous = 0;
+  // The reference runs slow through a whole span, so the clock is ahead of it at the resync,
+  // and a stale resync would start below what the newer parameters have already answered.
+  followFor(clock, 100, 0, 0, &previous);
+  FakeSource::advance(FakeClock::kResyncNs + kMs, -800);
+  // This read finds its parameters past their span; before it gets to resync them, another
+  // thread resyncs and reads again a millisecond later.
+  int64_t otherRead = 0;
+  FakeSource::interrupt = [&] {
+    clock.nowNs();
+    FakeSource::advance(kMs, -800);
+    otherRead = clock.nowNs();
+  };
+  FakeSource::readsBeforeInterrupt = 1;
+  int64_t read = clock.nowNs();
+  ASSERT_GT(otherRead, 0) << "the interruption ran";
+  EXPECT_GE(read, otherRead);
+  EXPECT_GE(clock.nowNs(), read);
+}
+
+TEST(CycleClock, FallsBackToTheReferenceWhenTheCounterTurnsUnusable) {
+  FakeSource::reset(true);
+  FakeClock clock;
+  int64_t previous = 0;
+  followFor(clock, 100, 0, 0, &previous);
+  // The kernel stops trusting the counter; the clock, ahead of a slow reference, notices at
+  // its next check and from then on holds until the reference passes it.
+  FakeSource::usable = false;
+  followFor(clock, FakeClock::kRecheckResyncs * 50 + 100, -500, 0, &previous);
+  FakeSource::counter = 0;
+  for (int i = 0; i < 3; ++i) {
+    FakeSource::advance(kMs);
+    EXPECT_EQ(clock.nowNs(), FakeSource::reference);
+  }
+}
+
+TEST(CycleClock, UnusableCounterLeavesTheReferenceClock) {
+  FakeSource::reset(false);
+  FakeClock clock;
+  for (int i = 0; i < 100; ++i) {
+    FakeSource::advance(kMs);
+    FakeSource::counter += 977 * i;
+    EXPECT_EQ(clock.nowNs(), FakeSource::reference);
+  }
+}
+
+TEST(CycleClock, TaskClockStaysBesideSteadyClockOnEveryThread) {
+  using std::chrono::steady_clock;
+  // Long enough to cover calibration and a few resyncs; readings must stay between the
+  // steady-clock readings around them, give or take the clock's small lead, and never go back.
+  constexpr auto kSlack = std::chrono::microseconds(50);
+  auto watch = [&] {
+    auto end = steady_clock::now() + std::chrono::milliseconds(150);
+    Tarvo::TaskTimePoint previous = Tarvo::TaskClock::now();
+    int failures = 0;
+    for (auto before = steady_clock::now(); before < end; before = steady_clock::now()) {
+      Tarvo::TaskTimePoint now = Tarvo::TaskClock::now();
+      auto after = steady_clock::now();
+      failures += now < previous || now < before - kSlack || now > after + kSlack;
+      previous = now;
+    }
+    return failures;
+  };
+  int otherFailures = 0;
+  std::thread other([&] { otherFailures = watch(); });
+  EXPECT_EQ(watch(), 0);
+  other.join();
+  EXPECT_EQ(otherFailures, 0);
+}
+
+}  // namespace
