@@ -31,12 +31,13 @@
 // thread at a time (a try-lock) writes the inactive slot, then makes it the active one, and a
 // per-slot sequence number tells a reader that raced with a rewrite to read again. A resync
 // first checks that nobody published since it read the parameters it is replacing. While one
-// thread resyncs, readers past the span answer the value at its end: time stands still for
-// them until the new set is out (a few hundred nanoseconds, unless the resyncing thread loses
-// its processor meanwhile).
+// thread publishes, readers past the span answer the value at its end: time stands still for
+// them until the new set is out (a few dozen nanoseconds, unless the publishing thread loses
+// its processor in between).
 //
-// `Source` supplies three static functions: `uint64_t cycles()`, `int64_t referenceNs()` and
-// `bool cyclesUsable()`: false makes every read the reference clock.
+// `Source` supplies four static functions: `uint64_t cycles()`, `int64_t referenceNs()`,
+// `bool cyclesUsable()` (false makes every read the reference clock) and `int32_t processId()`
+// (asked on the slow paths only).
 #pragma once
 
 #include <atomic>
@@ -66,19 +67,6 @@ class CycleClock {
       }
     }
     return nowSlow();
-  }
-
-  // For the child of fork, where the threads other than the forking one are gone: frees the
-  // try-lock and completes a slot that one of them was writing (it is the inactive slot, and
-  // it is written in full before it is made active).
-  void forkChild() noexcept {
-    for (Slot& slot : slots_) {
-      uint64_t sequence = slot.sequence.load(std::memory_order_relaxed);
-      if ((sequence & 1) != 0) {
-        slot.sequence.store(sequence + 1, std::memory_order_relaxed);
-      }
-    }
-    updating_.store(false, std::memory_order_relaxed);
   }
 
  private:
@@ -201,7 +189,7 @@ class CycleClock {
       *ns = reference > floor ? reference : floor;
       return true;
     }
-    if (!tryLock()) {
+    if (!tryLock(Source::processId())) {
       *ns = Source::referenceNs();
       return true;
     }
@@ -242,7 +230,18 @@ class CycleClock {
   // `seen`: the parameters the caller found past their span; `end`: their value at its end.
   // Returns false if another thread published since, so the caller reads again.
   bool resync(const Seen& seen, int64_t end, int64_t* ns) noexcept {
-    if (!tryLock()) {
+    int32_t self = Source::processId();
+    if (owner_.load(std::memory_order_relaxed) == self) {
+      *ns = end;
+      return true;
+    }
+    // The sample and the usability check come before the lock, which is then held only for
+    // the publication: the shorter it is held, the rarer a holder that loses its processor
+    // meanwhile and leaves the others standing still.
+    Sample now = sample();
+    unsigned resyncs = resyncs_.load(std::memory_order_relaxed);
+    bool usable = (resyncs + 1) % kRecheckResyncs != 0 || Source::cyclesUsable();
+    if (!tryLock(self)) {
       *ns = end;
       return true;
     }
@@ -251,9 +250,9 @@ class CycleClock {
       unlock();
       return false;
     }
-    Sample now = sample();
+    resyncs_.store(resyncs + 1, std::memory_order_relaxed);
     int64_t base = now.ns > end ? now.ns : end;
-    if (++resyncs_ % kRecheckResyncs == 0 && !Source::cyclesUsable()) {
+    if (!usable) {
       floorNs_.store(base, std::memory_order_relaxed);
       referenceOnly_.store(true, std::memory_order_release);
       active_.store(kNone, std::memory_order_release);
@@ -300,17 +299,36 @@ class CycleClock {
     active_.store(next, std::memory_order_release);
   }
 
-  // Tests before it exchanges, so that readers waiting on a resync do not fight over the line.
-  bool tryLock() noexcept {
-    return !updating_.load(std::memory_order_relaxed) &&
-           !updating_.exchange(true, std::memory_order_acquire);
+  // The try-lock records the process whose thread holds it. In a child made by any kind of
+  // fork, a lock held by the parent belongs to a thread that is gone: the child takes it over
+  // and completes the slot that thread may have been writing (the inactive slot, written in
+  // full before it is made active). Tests before it exchanges, so that readers waiting on a
+  // resync do not fight over the line.
+  bool tryLock(int32_t self) noexcept {
+    int32_t holder = owner_.load(std::memory_order_relaxed);
+    if (holder == self) {
+      return false;
+    }
+    if (!owner_.compare_exchange_strong(holder, self, std::memory_order_acquire)) {
+      return false;
+    }
+    if (holder != 0) {
+      for (Slot& slot : slots_) {
+        uint64_t sequence = slot.sequence.load(std::memory_order_relaxed);
+        if ((sequence & 1) != 0) {
+          slot.sequence.store(sequence + 1, std::memory_order_relaxed);
+        }
+      }
+    }
+    return true;
   }
-  void unlock() noexcept { updating_.store(false, std::memory_order_release); }
+  void unlock() noexcept { owner_.store(0, std::memory_order_release); }
 
   std::atomic<uint8_t> active_{kNone};
-  std::atomic<bool> updating_{false};
+  std::atomic<int32_t> owner_{0};  // process id of the try-lock's holder, 0 when free
   std::atomic<bool> referenceOnly_{false};
   std::atomic<int64_t> floorNs_{0};
+  std::atomic<unsigned> resyncs_{0};  // written under the try-lock
   Slot slots_[2];
   // Written only under the try-lock.
   bool started_ = false;
@@ -320,7 +338,6 @@ class CycleClock {
   Sample last_{0, 0};
   uint64_t rate_ = 0;          // the reference's rate, as a mult
   uint64_t lastMeasured_ = 0;  // the rate the last resync measured
-  unsigned resyncs_ = 0;
 };
 
 }  // namespace Tarvo

@@ -11,7 +11,6 @@
 #include "Tarvo/Exception.h"
 #include "Tarvo/LibeventFactory.h"
 #include "platform/LocoFork.h"
-#include "platform/ProcessClock.h"
 
 namespace Tarvo::Platform {
 namespace {
@@ -21,7 +20,6 @@ std::atomic<bool> forkedChild{false};
 void handleFork() {
   forkedChild.store(true, std::memory_order_relaxed);
   locoAfterFork();
-  processClockAfterFork();
   // The forking thread's event base shares its kernel state with the parent's until it is
   // re-initialised; the other threads, and their bases, do not exist in the child.
   if (leInitialized()) {

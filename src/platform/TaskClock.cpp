@@ -12,7 +12,6 @@
 #endif
 
 #include "platform/CycleClock.h"
-#include "platform/ProcessClock.h"
 
 namespace Tarvo {
 namespace {
@@ -30,6 +29,10 @@ struct ProcessSource {
     timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return static_cast<int64_t>(ts.tv_sec) * 1'000'000'000 + ts.tv_nsec;
+  }
+
+  static int32_t processId() noexcept {
+    return ::getpid();
   }
 
   // The counter must run at one rate whatever the core's frequency or sleep state (the
@@ -62,10 +65,6 @@ constinit CycleClock<ProcessSource> processClock;
 
 TaskTimePoint TaskClock::now() noexcept {
   return TaskTimePoint(std::chrono::nanoseconds(processClock.nowNs()));
-}
-
-void processClockAfterFork() noexcept {
-  processClock.forkChild();
 }
 
 }  // namespace Tarvo
