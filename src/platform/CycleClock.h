@@ -164,11 +164,14 @@ class CycleClock {
   }
 
   // A reference reading paired with the counter read just before it, so that the pair never
-  // puts the reference earlier than it was at that count; the tighter of two brackets.
+  // puts the reference earlier than it was at that count. The tightest of kSampleTries
+  // brackets: a bracket that an interrupt or a hypervisor exit widened would misplace the
+  // pair by that much, and the rate measured from it.
+  static constexpr int kSampleTries = 5;
   static Sample sample() noexcept {
     Sample best{0, 0};
     uint64_t bestSpan = UINT64_MAX;
-    for (int i = 0; i < 2; ++i) {
+    for (int i = 0; i < kSampleTries; ++i) {
       uint64_t before = Source::cycles();
       int64_t ns = Source::referenceNs();
       uint64_t span = Source::cycles() - before;

@@ -2,6 +2,7 @@
 
 #include "Tarvo/Exception.h"
 #include "Tarvo/TaskScheduler.h"
+#include "platform/ProcessClock.h"
 #include "scheduler/SchedulerText.h"
 #include "scheduler/SchedulerTrace.h"
 
@@ -99,7 +100,7 @@ void TaskImpl::scheduleTask() {
   if (taskRunQueueLink_.isLinked()) {
     return;
   }
-  TaskTimePoint now = TaskClock::now();
+  TaskTimePoint now = processClockNow();
   if (taskSuspended_) {
     taskHistoryInsert(now, TaskSchedulerEventType::scheduleSus);
     return;
@@ -114,7 +115,7 @@ void TaskImpl::scheduleTask() {
 
 void TaskImpl::unscheduleTask() {
   root()->sanityCheckCurrentRunningThread();
-  TaskTimePoint now = TaskClock::now();
+  TaskTimePoint now = processClockNow();
   unscheduleTaskPrivate(now);
   taskBusyIs(taskRunQueueLink_.isLinked(), now);
 }
@@ -146,7 +147,7 @@ void TaskImpl::taskSuspendedIs(bool suspended) {
     return;
   }
   taskSuspended_ = suspended;
-  TaskTimePoint now = TaskClock::now();
+  TaskTimePoint now = processClockNow();
   if (suspended) {
     TARVO_TRACE(schedulerTrace(), 1, "Suspend " << this);
     taskHistoryInsert(now, TaskSchedulerEventType::suspendOn);
@@ -190,7 +191,7 @@ bool TaskImpl::taskShouldYield() const {
   TaskShouldYieldMode mode = taskCurrentlyRunning_ ? taskShouldYieldMode_ : realTime;
   switch (mode) {
     case realTime: {
-      TaskTimePoint now = TaskClock::now();
+      TaskTimePoint now = processClockNow();
       return now < taskRunStartTime_ || now - taskRunStartTime_ >= taskQuantum_;
     }
     case virtualTime:
@@ -237,7 +238,7 @@ void TaskImpl::taskTestYieldRatioIs(uint8_t r) {
     return;
   }
   taskTestYieldRatio_ = r;
-  taskHistoryInsert(TaskClock::now(),
+  taskHistoryInsert(processClockNow(),
                     r ? TaskSchedulerEventType::frcYieldOn : TaskSchedulerEventType::frcYieldOff);
   taskShouldYieldModeReevaluate();
 }
@@ -319,7 +320,7 @@ void TaskImpl::taskDoRun(const TaskTimePoint& start, TaskTimePoint* end) {
                  " taskMagicNumberConstructed: ", taskMagicNumberConstructed));
   }
   taskCurrentlyRunning_ = false;
-  *end = TaskClock::now();
+  *end = processClockNow();
   nanoseconds elapsed = *end - taskRunStartTime_;
   // Compared as elapsed / n against the quantum, which cannot overflow for any quantum.
   if (taskQuantum_.count() != 0 && elapsed / 2 >= taskQuantum_) {
@@ -346,7 +347,7 @@ void TaskImpl::taskDoRun(const TaskTimePoint& start, TaskTimePoint* end) {
 }
 
 void TaskImpl::taskRunFromTest() {
-  TaskTimePoint now = TaskClock::now();
+  TaskTimePoint now = processClockNow();
   if (taskRunQueueLink_.isLinked()) {
     scheduler_->taskSchedulerUnlinkTask(scheduler_->taskRunQueues_.queue[taskPriority_.value()],
                                         *this, now);

@@ -1,6 +1,7 @@
 #include "Tarvo/TaskScheduler.h"
 
 #include "Tarvo/Exception.h"
+#include "platform/ProcessClock.h"
 #include "scheduler/SchedulerText.h"
 #include "scheduler/SchedulerTrace.h"
 
@@ -44,7 +45,7 @@ TaskScheduler::TaskScheduler(const std::string& name, TaskSchedulerRoot* root,
     : history_(std::move(history)),
       schedulerName_(history_->nameCache().intern(name)),
       root_(root),
-      lastRunRequestTime_(TaskClock::now()) {}
+      lastRunRequestTime_(processClockNow()) {}
 
 TaskScheduler::~TaskScheduler() = default;
 
@@ -60,7 +61,7 @@ void TaskScheduler::taskRegister(TaskImpl* task) {
   }
   registeredTasks_.pushFront(*task);
   tasksPerPriorityInc(priority);
-  history_->insert(TaskClock::now(), TaskSchedulerEventType::create, task);
+  history_->insert(processClockNow(), TaskSchedulerEventType::create, task);
 }
 
 void TaskScheduler::taskUnregister(TaskImpl* task) {
@@ -75,7 +76,7 @@ void TaskScheduler::taskUnregister(TaskImpl* task) {
     fatal(concat("Task: ", base, " not registered"));
   }
   task->taskRegisteredLink_.unlink();
-  history_->insert(TaskClock::now(), TaskSchedulerEventType::destroy, task);
+  history_->insert(processClockNow(), TaskSchedulerEventType::destroy, task);
 }
 
 void TaskScheduler::enqueue(TaskImpl& task) {
@@ -103,7 +104,7 @@ void TaskScheduler::requestSchedulerRunAndRecord(TaskTimePoint now) {
 }
 
 void TaskScheduler::checkSchedulerLatency() {
-  TaskTimePoint now = TaskClock::now();
+  TaskTimePoint now = processClockNow();
   schedulerRunStartTime_ = now;
   nanoseconds latency = now - lastRunRequestTime_;
   if (latency > schedulerLatencyHighWaterMark_) {
@@ -142,7 +143,7 @@ void TaskScheduler::handleSchedulerRun() {
     // This scheduler still counts itself runnable, so a later scheduleTask() would request
     // nothing: ask for the next run now, or the remaining tasks would never run. Done here,
     // while the strong reference to the task (and through it to this scheduler) still holds.
-    requestSchedulerRunAndRecord(TaskClock::now());
+    requestSchedulerRunAndRecord(processClockNow());
     throw;
   }
   TARVO_TRACE(schedulerTrace(), 8, this << " Scheduler completed task, request run");

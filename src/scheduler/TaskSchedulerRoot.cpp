@@ -5,6 +5,7 @@
 #include "Tarvo/Exception.h"
 #include "Tarvo/Platform.h"
 #include "Tarvo/TaskScheduler.h"
+#include "platform/ProcessClock.h"
 #include "scheduler/SchedulerText.h"
 #include "scheduler/SchedulerTrace.h"
 
@@ -93,7 +94,7 @@ void TaskSchedulerRoot::suspendedIs(bool suspended) {
     return;
   }
   suspended_ = suspended;
-  TaskTimePoint now = TaskClock::now();
+  TaskTimePoint now = processClockNow();
   if (suspended) {
     history()->insert(now, TaskSchedulerEventType::schedulerSuspended, this);
   } else {
@@ -103,7 +104,7 @@ void TaskSchedulerRoot::suspendedIs(bool suspended) {
 }
 
 void TaskSchedulerRoot::yieldSwitchChanged(TaskSchedulerEventType event) {
-  history()->insert(TaskClock::now(), event, this);
+  history()->insert(processClockNow(), event, this);
   taskShouldYieldModeReevaluate();
 }
 
