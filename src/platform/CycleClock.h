@@ -35,9 +35,10 @@
 // them until the new set is out (a few dozen nanoseconds, unless the publishing thread loses
 // its processor in between).
 //
-// `Source` supplies four static functions: `uint64_t cycles()`, `int64_t referenceNs()`,
-// `bool cyclesUsable()` (false makes every read the reference clock) and `int32_t processId()`
-// (asked on the slow paths only).
+// `Source` supplies five static functions: `uint64_t cycles()`, `int64_t referenceNs()`,
+// `bool cyclesUsable()` (false makes every read the reference clock), and for the try-lock
+// `int32_t threadId()` and `bool threadAlive(int32_t id)` (whether a thread of this process has
+// that id), asked on the slow paths only.
 #pragma once
 
 #include <atomic>
@@ -110,7 +111,10 @@ class CycleClock {
           slot.baseNs.load(std::memory_order_acquire), slot.mult.load(std::memory_order_acquire),
           slot.spanCycles.load(std::memory_order_acquire)};
     *seen = {active, sequence};
-    return (sequence & 1) == 0 && slot.sequence.load(std::memory_order_relaxed) == sequence;
+    // Still the active slot: a reader that stalled after loading `active_` could otherwise
+    // find a newer set that is written but not yet published, and then an older one.
+    return (sequence & 1) == 0 && slot.sequence.load(std::memory_order_relaxed) == sequence &&
+           active_.load(std::memory_order_relaxed) == active;
   }
 
   [[gnu::noinline, gnu::cold]] int64_t nowSlow() noexcept {
@@ -192,7 +196,7 @@ class CycleClock {
       *ns = reference > floor ? reference : floor;
       return true;
     }
-    if (!tryLock(Source::processId())) {
+    if (!tryLock()) {
       *ns = Source::referenceNs();
       return true;
     }
@@ -216,10 +220,12 @@ class CycleClock {
       uint64_t early = rate(first_, mid_);
       uint64_t late = rate(mid_, now);
       if (early != 0 && late != 0 && near(late, early)) {
+        // Publishing comes last, so that a forked child taking the lock over never finds
+        // parameters out without the state behind them.
         uint64_t mult = rate(first_, now);
-        publish({now.cycles, now.ns, mult, cyclesIn(kResyncNs, mult)});
         rate_ = lastMeasured_ = mult;
         last_ = now;
+        publish({now.cycles, now.ns, mult, cyclesIn(kResyncNs, mult)});
       } else {
         first_ = mid_;
         mid_ = now;
@@ -233,8 +239,7 @@ class CycleClock {
   // `seen`: the parameters the caller found past their span; `end`: their value at its end.
   // Returns false if another thread published since, so the caller reads again.
   bool resync(const Seen& seen, int64_t end, int64_t* ns) noexcept {
-    int32_t self = Source::processId();
-    if (owner_.load(std::memory_order_relaxed) == self) {
+    if (lockedByAnother(owner_.load(std::memory_order_relaxed))) {
       *ns = end;
       return true;
     }
@@ -244,7 +249,7 @@ class CycleClock {
     Sample now = sample();
     unsigned resyncs = resyncs_.load(std::memory_order_relaxed);
     bool usable = (resyncs + 1) % kRecheckResyncs != 0 || Source::cyclesUsable();
-    if (!tryLock(self)) {
+    if (!tryLock()) {
       *ns = end;
       return true;
     }
@@ -282,8 +287,8 @@ class CycleClock {
       next.mult = static_cast<uint64_t>(static_cast<unsigned __int128>(rate_) *
                                         static_cast<uint64_t>(kResyncNs - lead) / kResyncNs);
     }
-    publish(next);
     last_ = now;
+    publish(next);
     unlock();
     *ns = base;
     return true;
@@ -302,17 +307,21 @@ class CycleClock {
     active_.store(next, std::memory_order_release);
   }
 
-  // The try-lock records the process whose thread holds it. In a child made by any kind of
-  // fork, a lock held by the parent belongs to a thread that is gone: the child takes it over
-  // and completes the slot that thread may have been writing (the inactive slot, written in
-  // full before it is made active). Tests before it exchanges, so that readers waiting on a
-  // resync do not fight over the line.
-  bool tryLock(int32_t self) noexcept {
+  // The try-lock records the thread that holds it. A thread never meets its own id there (it
+  // lets go before it returns), and a live holder is a thread of this process; anything else
+  // was inherited from the parent by a forked child (of any kind of fork: the memory is copied,
+  // the threads but the forking one are not, and an id may come round again in the child). The
+  // child takes such a lock over and completes the slot its holder may have been writing (the
+  // inactive slot, written in full before it is made active). Memory shared with another
+  // process (vfork, CLONE_VM) is not supported. The lock is tested before it is exchanged, so
+  // that readers waiting on a resync do not fight over the line.
+  static bool lockedByAnother(int32_t holder) noexcept {
+    return holder != 0 && holder != Source::threadId() && Source::threadAlive(holder);
+  }
+  bool tryLock() noexcept {
     int32_t holder = owner_.load(std::memory_order_relaxed);
-    if (holder == self) {
-      return false;
-    }
-    if (!owner_.compare_exchange_strong(holder, self, std::memory_order_acquire)) {
+    if (lockedByAnother(holder) ||
+        !owner_.compare_exchange_strong(holder, Source::threadId(), std::memory_order_acquire)) {
       return false;
     }
     if (holder != 0) {
@@ -328,7 +337,7 @@ class CycleClock {
   void unlock() noexcept { owner_.store(0, std::memory_order_release); }
 
   std::atomic<uint8_t> active_{kNone};
-  std::atomic<int32_t> owner_{0};  // process id of the try-lock's holder, 0 when free
+  std::atomic<int32_t> owner_{0};  // thread id of the try-lock's holder, 0 when free
   std::atomic<bool> referenceOnly_{false};
   std::atomic<int64_t> floorNs_{0};
   std::atomic<unsigned> resyncs_{0};  // written under the try-lock

@@ -22,7 +22,8 @@ struct ProcessClockSource {
 #endif
   }
   static int64_t referenceNs() noexcept;
-  static int32_t processId() noexcept;
+  static int32_t threadId() noexcept;
+  static bool threadAlive(int32_t id) noexcept;
   // The counter must run at one rate whatever the core's frequency or sleep state (the
   // invariant-TSC bit), and the kernel must time itself with it, which it does only after
   // checking that the cores' counters agree.

@@ -1,9 +1,11 @@
 #include "platform/ProcessClock.h"
 
 #include <fcntl.h>
+#include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 
 #if defined(__x86_64__)
@@ -20,11 +22,21 @@ int64_t ProcessClockSource::referenceNs() noexcept {
   return static_cast<int64_t>(ts.tv_sec) * 1'000'000'000 + ts.tv_nsec;
 }
 
-int32_t ProcessClockSource::processId() noexcept {
-  return ::getpid();
+int32_t ProcessClockSource::threadId() noexcept {
+  return static_cast<int32_t>(::gettid());
 }
 
-bool ProcessClockSource::cyclesUsable() noexcept {
+// Signal 0 to a thread of this thread group: ESRCH when there is none with that id. A clock
+// read leaves errno as it found it.
+bool ProcessClockSource::threadAlive(int32_t id) noexcept {
+  int saved = errno;
+  bool alive = ::syscall(SYS_tgkill, ::getpid(), id, 0) == 0 || errno != ESRCH;
+  errno = saved;
+  return alive;
+}
+
+namespace {
+bool counterTrusted() {
 #if defined(__x86_64__)
   unsigned eax, ebx, ecx, edx;
   if (!__get_cpuid(0x80000007, &eax, &ebx, &ecx, &edx) || !(edx & (1u << 8))) {
@@ -42,6 +54,15 @@ bool ProcessClockSource::cyclesUsable() noexcept {
 #else
   return false;
 #endif
+}
+}  // namespace
+
+// A clock read leaves errno as it found it.
+bool ProcessClockSource::cyclesUsable() noexcept {
+  int saved = errno;
+  bool usable = counterTrusted();
+  errno = saved;
+  return usable;
 }
 
 TaskTimePoint TaskClock::now() noexcept {

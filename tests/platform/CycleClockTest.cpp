@@ -1,15 +1,18 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <functional>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "Tarvo/TaskClock.h"
 #include "platform/CycleClock.h"
+#include "platform/ProcessClock.h"
 
 namespace {
 
@@ -20,7 +23,8 @@ struct FakeSource {
   static inline uint64_t counter;
   static inline int64_t reference;
   static inline bool usable;
-  static inline int32_t pid;
+  static inline int32_t tid;          // the calling thread's id
+  static inline int32_t otherThread;  // another live thread of the process, 0 for none
   static inline int readsBeforeInterrupt = -1;
   static inline std::function<void()> interrupt;
 
@@ -32,13 +36,15 @@ struct FakeSource {
   }
   static int64_t referenceNs() { return reference; }
   static bool cyclesUsable() { return usable; }
-  static int32_t processId() { return pid; }
+  static int32_t threadId() { return tid; }
+  static bool threadAlive(int32_t id) { return id == tid || id == otherThread; }
 
   static void reset(bool counterUsable) {
     counter = 1'000'000'000;
     reference = 7'000'000'000;
     usable = counterUsable;
-    pid = 100;
+    tid = 100;
+    otherThread = 0;
     readsBeforeInterrupt = -1;
   }
   // Both move: three counts per nanosecond, the reference at (1 + ppm / 10^6) of that.
@@ -153,26 +159,44 @@ TEST(CycleClock, AResyncThatLostTheRaceReadsAgain) {
 }
 
 TEST(CycleClock, AChildForkedWhileTheClockIsLockedTakesItOver) {
+  // The process forks while its thread 100 holds the clock's lock (inside the first read's
+  // calibration sample): the child has the clock's memory, lock held, but not the holder. Its
+  // thread gets a new id, or in a new pid namespace perhaps the same one. Either way the child
+  // must calibrate and then run on the counter; and a lock held by a live thread of the
+  // process is left alone.
+  for (int32_t childTid : {200, 100}) {
+    FakeSource::reset(true);
+    FakeClock clock;
+    int64_t childStart = 0;
+    int64_t childRead = 0;
+    FakeSource::interrupt = [&] {
+      FakeSource::tid = childTid;
+      for (int i = 0; i < 3; ++i) {
+        FakeSource::advance(5 * kMs);
+        clock.nowNs();
+      }
+      childStart = clock.nowNs();
+      FakeSource::counter += 3 * kMs;
+      childRead = clock.nowNs();
+    };
+    FakeSource::readsBeforeInterrupt = 0;
+    clock.nowNs();
+    EXPECT_NEAR(childRead - childStart, kMs, 1) << "child thread " << childTid;
+  }
   FakeSource::reset(true);
   FakeClock clock;
-  // The process forks while the first read holds the clock's lock (inside its calibration
-  // sample): the child has the clock's memory, lock held, but not the thread holding it. The
-  // child must still calibrate and then run on the counter.
-  int64_t childStart = 0;
-  int64_t childRead = 0;
   FakeSource::interrupt = [&] {
-    FakeSource::pid = 200;
+    FakeSource::tid = 101;
+    FakeSource::otherThread = 100;
     for (int i = 0; i < 3; ++i) {
       FakeSource::advance(5 * kMs);
       clock.nowNs();
     }
-    childStart = clock.nowNs();
     FakeSource::counter += 3 * kMs;
-    childRead = clock.nowNs();
+    EXPECT_EQ(clock.nowNs(), FakeSource::reference) << "still calibrating: the lock is held";
   };
   FakeSource::readsBeforeInterrupt = 0;
   clock.nowNs();
-  EXPECT_NEAR(childRead - childStart, kMs, 1) << "the child's clock runs on the counter";
 }
 
 TEST(CycleClock, FallsBackToTheReferenceWhenTheCounterTurnsUnusable) {
@@ -199,6 +223,30 @@ TEST(CycleClock, UnusableCounterLeavesTheReferenceClock) {
     FakeSource::counter += 977 * i;
     EXPECT_EQ(clock.nowNs(), FakeSource::reference);
   }
+}
+
+TEST(CycleClock, ProcessSourceTellsLiveThreadsAndKeepsErrno) {
+  using Tarvo::ProcessClockSource;
+  std::atomic<int32_t> otherId{0};
+  std::atomic<bool> release{false};
+  std::thread other([&] {
+    otherId = ProcessClockSource::threadId();
+    while (!release) {
+      std::this_thread::yield();
+    }
+  });
+  while (otherId == 0) {
+    std::this_thread::yield();
+  }
+  EXPECT_NE(otherId, ProcessClockSource::threadId());
+  EXPECT_TRUE(ProcessClockSource::threadAlive(ProcessClockSource::threadId()));
+  EXPECT_TRUE(ProcessClockSource::threadAlive(otherId));
+  release = true;
+  other.join();
+  errno = EINTR;
+  EXPECT_FALSE(ProcessClockSource::threadAlive(otherId)) << "a joined thread is gone";
+  ProcessClockSource::cyclesUsable();
+  EXPECT_EQ(errno, EINTR);
 }
 
 TEST(CycleClock, TaskClockStaysBesideSteadyClockOnEveryThread) {
