@@ -19,13 +19,11 @@ const char* const kSource = "LibeventFactory";
 // This file's view of the "TarvoLibevent" handler, obtained when the library is loaded (no
 // control exists before that), so that the timer paths test its mask without a call.
 Platform::DebugHandler* const traceHandler = leDebugHandler();
-Platform::DebugHandler* trace() {
-  return traceHandler;
-}
 
 void requireHandler(const void* handler, const char* function, int line) {
   if (handler == nullptr) {
-    debugAndThrowAssertException(trace(), 0, "a control needs a handler", kSource, function, line);
+    debugAndThrowAssertException(traceHandler, 0, "a control needs a handler", kSource, function,
+                                 line);
   }
 }
 
@@ -158,7 +156,8 @@ void LibeventTimerControl::setTimeout(double seconds) {
   timeval delay;
   bool finite = leSplitSeconds(seconds, &delay);
   delTimeout();
-  TARVO_TRACE(trace(), 9, "Timer " << static_cast<const void*>(this) << " set timeout " << seconds);
+  TARVO_TRACE(traceHandler, 9,
+              "Timer " << static_cast<const void*>(this) << " set timeout " << seconds);
   // The event was assigned to the thread's base at construction, and that base outlives
   // every control of the thread, so it is simply added again.
   if (finite) {
@@ -168,7 +167,7 @@ void LibeventTimerControl::setTimeout(double seconds) {
 }
 
 void LibeventTimerControl::delTimeout() {
-  TARVO_TRACE(trace(), 9, "Timer " << static_cast<const void*>(this) << " del timeout");
+  TARVO_TRACE(traceHandler, 9, "Timer " << static_cast<const void*>(this) << " del timeout");
   if (armed_) {
     event_del(timer_.get());
     armed_ = false;
@@ -196,14 +195,14 @@ double LibeventTimerControl::remainingTimeout() const {
 
 void LibeventTimerControl::handler() {
   Platform::TimeoutHandler* handler = handler_;
-  TARVO_TRACE(trace(), 9, "Timer " << static_cast<const void*>(this) << " expired");
+  TARVO_TRACE(traceHandler, 9, "Timer " << static_cast<const void*>(this) << " expired");
   try {
     handler->timeout();
   } catch (...) {
     if (!handler->handleTimeoutException()) {
       throw;
     }
-    TARVO_TRACE(trace(), 9,
+    TARVO_TRACE(traceHandler, 9,
                 "LibeventTimerControl::handler: Timeout notification exception was handled");
   }
 }
@@ -227,12 +226,12 @@ LibeventCallbackControl::LibeventCallbackControl(Platform::CallbackHandler* hand
 }
 
 void LibeventCallbackControl::requestCallback() {
-  TARVO_TRACE(trace(), 9, "Callback " << static_cast<const void*>(this) << " request");
+  TARVO_TRACE(traceHandler, 9, "Callback " << static_cast<const void*>(this) << " request");
   LibeventTimerControl::setTimeout(0);
 }
 
 void LibeventCallbackControl::cancelCallback() {
-  TARVO_TRACE(trace(), 9, "Callback " << static_cast<const void*>(this) << " cancel");
+  TARVO_TRACE(traceHandler, 9, "Callback " << static_cast<const void*>(this) << " cancel");
   LibeventTimerControl::delTimeout();
 }
 
@@ -242,7 +241,7 @@ bool LibeventCallbackControl::pendingCallback() const {
 
 void LibeventCallbackControl::timeout() {
   Platform::CallbackHandler* handler = handler_;
-  TARVO_TRACE(trace(), 9, "Callback " << static_cast<const void*>(this) << " execute");
+  TARVO_TRACE(traceHandler, 9, "Callback " << static_cast<const void*>(this) << " execute");
   try {
     handler->callback();
   } catch (...) {
@@ -252,7 +251,7 @@ void LibeventCallbackControl::timeout() {
       leParkException(std::current_exception());
       return;
     }
-    TARVO_TRACE(trace(), 9,
+    TARVO_TRACE(traceHandler, 9,
                 "LibeventCallbackControl::timeout: Callback notification exception was handled");
   }
 }
