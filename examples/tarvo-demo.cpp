@@ -16,6 +16,7 @@
 //   TRACEFILE=/tmp/demo.trace ./tarvo-demo               trace lines into a file
 #include <boost/format.hpp>
 #include <chrono>
+#include <fstream>
 #include <iostream>
 #include <memory>
 #include <thread>
@@ -136,6 +137,7 @@ int main() {
   });
 
   std::shared_ptr<Tarvo::TaskSchedulerRoot> root = Tarvo::schedulerRootTarvo();
+  root->historyEntryCountIs(4000);  // room for the whole run in the timeline written below
   auto crunch = std::make_shared<Crunch>(root, 20'000'000);
   auto ticker = std::make_shared<Repeater>(root, TaskPriority::normal, "ticker", 50);
   auto warden = std::make_shared<Warden>(root, *crunch);
@@ -158,5 +160,13 @@ int main() {
   root->printHistory(std::cout, 12);
   std::cout << "\nPer-task figures on the main thread:\n";
   printTaskFigures(*root);
+
+  // The same history as a timeline: one track per scheduler, one bar per task run.
+  std::ofstream timeline("tarvo-demo.trace.json");
+  root->writeTraceEvents(timeline);
+  timeline.close();
+  std::cout << "\nTimeline of the main thread's last " << root->history()->size()
+            << " scheduling events written to tarvo-demo.trace.json: open it in\n"
+               "https://ui.perfetto.dev (Open trace file) or chrome://tracing (Load).\n";
   return crunch->finished() ? 0 : 1;
 }

@@ -469,6 +469,14 @@ class TaskSchedulerRoot : public TaskScheduler {
   // microseconds before the newest event.
   void printHistory(std::ostream& os, unsigned limit) const;
   void printHistoryStdErr() const;
+  // Writes the history as Trace Event JSON, which ui.perfetto.dev and chrome://tracing open:
+  // one track per scheduler of the tree; one complete event per task run, paired from its
+  // "run start" and "run end" and carrying the task's name, priority and scheduler; an instant
+  // event for every other event; times in microseconds of the history's own clock. Names are
+  // matched to schedulers and priorities through the tree as it is now (see the source for
+  // ambiguous and vanished names). Any bytes in names give valid UTF-8 JSON. Only reads: it
+  // adds nothing to recording. Root's thread only.
+  void writeTraceEvents(std::ostream& os) const;
   // A pseudo-random percentage (0 to 99) for test hooks.
   unsigned randomPercent();
 
