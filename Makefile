@@ -33,6 +33,13 @@ tsan-test: deps
 bench: build
 	@for b in build/default/bench/bench_*; do echo "== $$b"; $$b --benchmark_min_time=0.01 || exit 1; done
 
+.PHONY: package
+# Debian packages libtarvo0 and libtarvo-dev (cmake/Packaging.cmake), left in build/default.
+package: deps
+	cmake --preset default
+	cmake --build --preset default -j $(JOBS) --target Tarvo
+	cd build/default && cpack -G DEB
+
 format:
 	clang-format -i $$(git ls-files '*.h' '*.cpp')
 
