@@ -40,6 +40,22 @@ package: deps
 	cmake --build --preset default -j $(JOBS) --target Tarvo
 	cd build/default && cpack -G DEB
 
+.PHONY: docs
+# API reference of include/Tarvo in build/docs/html. Doxygen's warnings (an undocumented public
+# member, a broken reference) fail the target and are printed.
+docs: deps
+	mkdir -p build/docs
+	sed -e "s|@PROJECT_VERSION@|$$(sed -n 's/^project(Tarvo VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)|" \
+	    -e "s|@DOCS_OUTPUT@|$(CURDIR)/build/docs|" -e "s|@SOURCE_DIR@|$(CURDIR)|" \
+	    docs/Doxyfile.in > build/docs/Doxyfile
+	cd build/docs && doxygen Doxyfile || { cat warnings.log; exit 1; }
+	@echo "API reference: build/docs/html/index.html"
+
+.PHONY: plots
+# Runs the scaling benchmarks (JSON under build/plots) and draws them into docs/perf/*.svg.
+plots: build
+	scripts/plot-bench build/default/bench build/plots docs/perf
+
 format:
 	clang-format -i $$(git ls-files '*.h' '*.cpp')
 

@@ -56,6 +56,8 @@ class _TaskBase : public std::enable_shared_from_this<_TaskBase> {
   _TaskBase(const _TaskBase&) = delete;
   _TaskBase& operator=(const _TaskBase&) = delete;
 
+  // Whether the task is on its run queue; whether a running task should yield; work done in
+  // this run and work still pending, for the statistics. TaskImpl gives the details.
   virtual bool taskScheduled() const = 0;
   virtual bool taskShouldYield() const = 0;
   virtual void taskWorkCountInc(unsigned long long n) = 0;
@@ -66,6 +68,7 @@ class _TaskBase : public std::enable_shared_from_this<_TaskBase> {
   virtual void handleResetStats() {}
   virtual ~_TaskBase();
 
+  // The task's scheduler (plain and shared), the root of its tree, and its name.
   TaskScheduler* scheduler() const noexcept { return scheduler_.get(); }
   const std::shared_ptr<TaskScheduler>& schedulerShared() const noexcept { return scheduler_; }
   TaskSchedulerRoot* root() const noexcept;
@@ -108,6 +111,7 @@ std::ostream& operator<<(std::ostream& os, const std::chrono::nanoseconds& d);
 // Run-queue state, timing, quantum, yield policy and statistics counters of a task.
 class TaskImpl : public _TaskBase {
  public:
+  // Durations of the task's accounting.
   using nanoseconds = std::chrono::nanoseconds;
   // How taskShouldYield() decides: elapsed real time against the quantum; virtual time (not
   // supported while running: throws UnimplementedException); every n-th call (tests).
@@ -137,6 +141,7 @@ class TaskImpl : public _TaskBase {
   // The work of one run.
   virtual void taskExecute() = 0;
 
+  // Takes the task off its run queue, if it is on one.
   void unscheduleTask();
   bool taskSuspended() const noexcept { return taskSuspended_; }
   // Suspending unschedules the task; resuming queues it (even if nobody scheduled it).
@@ -159,6 +164,7 @@ class TaskImpl : public _TaskBase {
   bool includeInDeadTask() const noexcept { return includeInDeadTask_; }
   void includeInDeadTaskIs(bool include) noexcept { includeInDeadTask_ = include; }
 
+  // A snapshot of the task's counters, under its statistics name.
   TaskStat getStats() const;
   // Zeroes the run and work counters and unsets the high-water marks.
   void resetStats();
@@ -168,6 +174,8 @@ class TaskImpl : public _TaskBase {
   // As taskRunFromTest(), and records the run as a scheduler run would (latency, run time).
   void taskRunAndRecordFromTest();
 
+  // The counters of the task's runs and work, as getStats() reports them; the magic number
+  // is taskMagicNumberConstructed while the object lives.
   bool taskCurrentlyRunning() const noexcept { return taskCurrentlyRunning_; }
   uint32_t taskRunCount() const noexcept { return taskRunCount_; }
   uint32_t taskMagicNumber() const noexcept { return taskMagicNumber_; }
@@ -183,6 +191,7 @@ class TaskImpl : public _TaskBase {
   float taskWorkCountDecayAvg() const noexcept { return taskWorkCountDecayAvg_; }
   TaskMaybeU32 taskWorkCountHighWaterMark() const noexcept { return taskWorkCountHighWaterMark_; }
 
+  // The links of the task on its run queue and on its scheduler's registration list.
   ListLinkNode<TaskImpl> taskRunQueueLink_;
   BookmarkListLinkNode<TaskImpl> taskRegisteredLink_;
 
@@ -239,6 +248,7 @@ class TaskImpl : public _TaskBase {
 //   t->scheduleTask();
 class Task : public TaskImpl {
  public:
+  // A task of `scheduler` at `priority`, registered with it, not scheduled.
   Task(std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority, const std::string& name);
   // Takes a shared reference from the scheduler; throws std::bad_weak_ptr when the scheduler
   // is not owned by a std::shared_ptr.
@@ -250,17 +260,23 @@ class Task : public TaskImpl {
 // most one task; while work remains, every run requests the next.
 class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
  public:
+  // Durations of the scheduler's accounting.
   using nanoseconds = std::chrono::nanoseconds;
+  // A run queue, and the list of the registered tasks.
   using TaskList = List<TaskImpl, ListLinkNode<TaskImpl>, &TaskImpl::taskRunQueueLink_>;
   using RegisteredTaskList =
       BookmarkList<TaskImpl, BookmarkListLinkNode<TaskImpl>, &TaskImpl::taskRegisteredLink_>;
+  // The quantum of new tasks unless defaultTaskQuantumIs() says otherwise: 20 ms.
   static constexpr nanoseconds defaultQuantum{20000000};
 
+  // The run queues of a scheduler, one per priority.
   struct TaskRunQueues {
     // One priority's queue. `current` is `persistent` except while a task group runs with
     // repeated runs forbidden; then the waiting tasks sit in `temporary` and new ones land in
     // `persistent`, unseen until the merge.
     struct TaskRunQueue {
+      // The queues (see above), the picks in a row at this priority (for the starvation rule),
+      // and the counts of tasks queued and picked (picks also as of the last statistics reset).
       TaskList persistent;
       TaskList temporary;
       TaskList* current = &persistent;
@@ -276,14 +292,17 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
       // Puts the held-back tasks in front of those scheduled meanwhile.
       void moveTemporaryToPersistent();
     };
+    // Indexed by priority value.
     TaskRunQueue queue[TaskPriority::count];
   };
 
+  // A scheduler named `name` in the tree of `root`, recording into `history`.
   TaskScheduler(const std::string& name, TaskSchedulerRoot* root,
                 std::shared_ptr<TaskSchedulerHistory> history);
   TaskScheduler(const TaskScheduler&) = delete;
   TaskScheduler& operator=(const TaskScheduler&) = delete;
 
+  // Whether a statistics reset is under way; never for this class.
   virtual bool resetStatsInProgress() const { return false; }
   // Asks whoever drives this scheduler for one call of handleSchedulerRun().
   virtual void requestSchedulerRun() = 0;
@@ -294,11 +313,14 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
   virtual void taskRegister(TaskImpl* task);
   virtual ~TaskScheduler();
 
+  // The scheduler's name, its root, the tree's history and the tree's name cache.
   const ConstStringRef& schedulerName() const noexcept { return schedulerName_; }
   TaskSchedulerRoot* root() const noexcept { return root_; }
   const std::shared_ptr<TaskSchedulerHistory>& history() const noexcept { return history_; }
   ConstStringCache& nameCache() const noexcept { return history_->nameCache(); }
 
+  // Removes a leaving task, folding its statistics into the dead-task records; ends the
+  // process on a wrong thread, a task still queued or a task not registered.
   void taskUnregister(TaskImpl* task);
   // Runs at most one task: the one pickOneTask() chooses. A run that finds nothing marks
   // the scheduler idle; a run that ran a task requests the next run, also when the task
@@ -320,6 +342,9 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
     return schedulerLatencyHighWaterMark_;
   }
 
+  // Tasks waiting on the queue of a priority (or of all); runs at a priority since the last
+  // statistics reset; registered and dead tasks per priority, and their upkeep; the number of
+  // registered tasks.
   int64_t runnableTaskCount(TaskPriority priority) const;
   int64_t runnableTaskCount() const;
   uint64_t runTaskCount(TaskPriority priority) const;
@@ -330,16 +355,21 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
   void deadTasksPerPriorityInc(TaskPriority priority);
   size_t registeredTaskCount() const;
 
+  // The quantum new tasks start with.
   nanoseconds defaultTaskQuantum() const noexcept { return defaultTaskQuantum_; }
   // The quantum of tasks created from now on; existing tasks keep theirs.
   void defaultTaskQuantumIs(nanoseconds q) noexcept { defaultTaskQuantum_ = q; }
 
+  // Every priority's movePersistentToTemporary() / moveTemporaryToPersistent(); the queue of a
+  // priority.
   void taskRunQueuesMovePersistentToTemporary();
   void taskRunQueuesMoveTemporaryToPersistent();
   const TaskRunQueues::TaskRunQueue& taskRunQueue(TaskPriority priority) const {
     return taskRunQueues_.queue[priority.value()];
   }
 
+  // Notes that `task` turned forced test yield on or off; calls handleTaskForceYieldInTest()
+  // when the set of such tasks turns empty or non-empty.
   void taskForceYieldInTestNotify(TaskImpl* task, bool on);
   // Whether any task of this scheduler is under forced test yield.
   bool tasksForceYieldInTest() const noexcept { return !tasksForceYieldInTest_.empty(); }
@@ -435,6 +465,7 @@ class TaskSchedulerRoot : public TaskScheduler {
   size_t totalRegisteredTaskCount() const;
   nanoseconds minimumTimerDelay() const noexcept { return minimumTimerDelay_; }
 
+  // Whether the tree is suspended.
   bool suspended() const noexcept { return suspended_; }
   // While suspended, every run of every scheduler of the tree is ignored; resuming requests
   // one run.
@@ -464,6 +495,7 @@ class TaskSchedulerRoot : public TaskScheduler {
   // The history ring's capacity (100 unless changed) and its change.
   unsigned historyEntryCount() const noexcept { return history()->capacity(); }
   void historyEntryCountIs(unsigned capacity);
+  // Drops every event.
   void clearHistory();
   // Writes the newest events first, at most `limit` of them, with absolute time stamps and
   // microseconds before the newest event.
@@ -513,6 +545,7 @@ class TaskSchedulerRoot : public TaskScheduler {
 //   root->runUntilIdle();   // runs `task` (and whatever it schedules) to completion
 class TaskSchedulerRootManual : public TaskSchedulerRoot {
  public:
+  // A root named `name`; no timer task arms for less than `minimumTimerDelay`.
   explicit TaskSchedulerRootManual(const std::string& name,
                                    nanoseconds minimumTimerDelay = nanoseconds(0));
 
