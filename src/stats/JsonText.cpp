@@ -1,8 +1,5 @@
 #include "stats/JsonText.h"
 
-#include <cstdlib>
-#include <string>
-
 namespace Tarvo {
 
 namespace {
@@ -48,50 +45,53 @@ size_t utf8SequenceLength(std::string_view s, size_t i) {
 
 void writeJsonString(std::ostream& os, std::string_view s) {
   static constexpr char hex[] = "0123456789abcdef";
-  std::string out;
-  out.reserve(s.size() + 2);
-  out += '"';
+  // Bytes that need nothing are written in runs, straight from `s`.
+  os.put('"');
+  size_t run = 0;
+  auto flush = [&](size_t upTo) {
+    os.write(s.data() + run, static_cast<std::streamsize>(upTo - run));
+  };
   for (size_t i = 0; i < s.size();) {
     unsigned char c = static_cast<unsigned char>(s[i]);
-    if (c < 0x80) {
-      switch (c) {
-        case '"':
-          out += "\\\"";
-          break;
-        case '\\':
-          out += "\\\\";
-          break;
-        case '\n':
-          out += "\\n";
-          break;
-        case '\t':
-          out += "\\t";
-          break;
-        case '\r':
-          out += "\\r";
-          break;
-        default:
-          if (c < 0x20) {
-            out += "\\u00";
-            out += hex[c >> 4];
-            out += hex[c & 0xf];
-          } else {
-            out += static_cast<char>(c);
-          }
-      }
+    if (c >= 0x20 && c < 0x80 && c != '"' && c != '\\') {
       ++i;
       continue;
     }
-    if (size_t n = utf8SequenceLength(s, i); n != 0) {
-      out.append(s.substr(i, n));
-      i += n;
-    } else {
-      out += "\xef\xbf\xbd";
-      ++i;
+    if (c >= 0x80) {
+      if (size_t n = utf8SequenceLength(s, i); n != 0) {
+        i += n;
+        continue;
+      }
     }
+    flush(i);
+    switch (c) {
+      case '"':
+        os << "\\\"";
+        break;
+      case '\\':
+        os << "\\\\";
+        break;
+      case '\n':
+        os << "\\n";
+        break;
+      case '\t':
+        os << "\\t";
+        break;
+      case '\r':
+        os << "\\r";
+        break;
+      default:
+        if (c < 0x20) {
+          const char escape[] = {'\\', 'u', '0', '0', hex[c >> 4], hex[c & 0xf]};
+          os.write(escape, sizeof escape);
+        } else {
+          os << "\xef\xbf\xbd";  // U+FFFD for a byte that starts no valid sequence
+        }
+    }
+    run = ++i;
   }
-  out += '"';
-  os << out;
+  flush(s.size());
+  os.put('"');
 }
 
 void writeMicroseconds(std::ostream& os, int64_t ns) {
