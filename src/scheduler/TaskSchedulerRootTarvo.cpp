@@ -77,7 +77,8 @@ bool TaskSchedulerRootTarvo::timerStart(TimerTask& timer, double seconds, bool r
 }
 
 bool TaskSchedulerRootTarvo::timerStart(TimerTask& timer, nanoseconds delay, bool restart) {
-  return timerStart(timer, static_cast<double>(delay.count()) / 1e9, restart);
+  return TaskSchedulerRootTarvo::timerStart(timer, static_cast<double>(delay.count()) / 1e9,
+                                            restart);
 }
 
 void TaskSchedulerRootTarvo::timerStop(TimerTask& timer) {

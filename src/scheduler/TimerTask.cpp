@@ -27,13 +27,19 @@ bool isZero(Delay delay) {
   return delay == Delay(0);
 }
 
-// The root's minimum timer delay in the delay's own form.
+// The larger of `delay` and the root's minimum timer delay.
 template <typename Delay>
-Delay minimumDelay(const TaskSchedulerRoot& root) {
+Delay clampToMinimum(Delay delay, const TaskSchedulerRoot& root) {
+  const std::chrono::nanoseconds minimum = root.minimumTimerDelay();
   if constexpr (std::is_same_v<Delay, double>) {
-    return static_cast<double>(root.minimumTimerDelay().count()) / 1e9;
+    // Most roots have no minimum: skip the conversion for them.
+    if (delay < 0 || minimum.count() != 0) {
+      double seconds = static_cast<double>(minimum.count()) / 1e9;
+      return delay < seconds ? seconds : delay;
+    }
+    return delay;
   } else {
-    return root.minimumTimerDelay();
+    return delay < minimum ? minimum : delay;
   }
 }
 
@@ -111,16 +117,15 @@ void TimerTask::scheduleTaskDelayedPrivate(Delay delayIntoFuture, bool restart) 
   }
   TaskTimePoint now = processClockNow();
   if (restart) {
-    unscheduleTaskPrivate(now);
+    if (taskRunQueueLink_.isLinked()) {
+      unscheduleTaskPrivate(now);
+    }
   } else if (taskRunQueueLink_.isLinked()) {
     TARVO_TRACE(schedulerTrace(), 8, "Already on runQueue " << this);
     return;
   }
   TaskSchedulerRoot* r = root();
-  Delay minimum = minimumDelay<Delay>(*r);
-  if (delayIntoFuture < minimum) {
-    delayIntoFuture = minimum;
-  }
+  delayIntoFuture = clampToMinimum(delayIntoFuture, *r);
   if (!r->timerStart(*this, delayIntoFuture, restart)) {
     TARVO_TRACE(
         schedulerTrace(), 8,
