@@ -227,6 +227,13 @@ TEST_F(ManualTimerTest, StopRemovesAQueuedTaskAndExpirationFollowsTheState) {
   EXPECT_EQ(historyCount(*root, TaskSchedulerEventType::timerStop), 1u);
   EXPECT_EQ(timer->currentExpirationTimeRaw(), TaskTimePoint::max());
   EXPECT_EQ(timer->timerRemaining(), HUGE_VAL);
+
+  timer->scheduleTaskDelay(3s);
+  timer->taskRunFromTest();  // disarms without a "timerStop"
+  EXPECT_EQ(timer->runs, 1);
+  EXPECT_EQ(root->timersArmed(), 0u);
+  EXPECT_EQ(historyCount(*root, TaskSchedulerEventType::timerStop), 1u);
+  EXPECT_EQ(root->advanceBy(1h), 0u);
 }
 
 TEST_F(ManualTimerTest, PeriodicTaskStaysBusyAndRunsOncePerPeriod) {
@@ -245,6 +252,21 @@ TEST_F(ManualTimerTest, PeriodicTaskStaysBusyAndRunsOncePerPeriod) {
   EXPECT_TRUE(periodic->taskBusy());
   EXPECT_EQ(root->manualTime(), start + 10s + 500ms);
   EXPECT_DOUBLE_EQ(periodic->timerRemaining(), 0.5);
+}
+
+// The heartbeat of the README's timer section, as written there.
+TEST_F(ManualTimerTest, JitteredHeartbeatBeatsOnTheManualClock) {
+  int beats = 0;
+  auto beat = std::make_shared<FnTimer>(root, "heartbeat", [&](FnTimer& t) {
+    ++beats;
+    t.scheduleTaskJitterUp(std::chrono::seconds(10), 5);
+  });
+  beat->scheduleTaskDelay(std::chrono::seconds(10));
+  root->advanceBy(std::chrono::seconds(9));
+  EXPECT_EQ(beats, 0);
+  root->advanceBy(std::chrono::minutes(1));
+  EXPECT_EQ(beats, 6);
+  EXPECT_LE(beat->timerRemaining(), 10.5);
 }
 
 TEST_F(ManualTimerTest, ThousandsOfTimersFireInExpiryThenArmingOrder) {
@@ -306,6 +328,24 @@ TEST_F(LoopTimerTest, AnHourUnderFastForwardRunsAtOnceAnHourLater) {
   EXPECT_GE(Tarvo::time() - before, 3599.9);
   EXPECT_LT(std::chrono::steady_clock::now() - wall, 10s);
   EXPECT_FALSE(timer->timerRunning());
+}
+
+TEST_F(LoopTimerTest, ThousandTimersFireInExpiryOrderUnderFastForward) {
+  constexpr int kTimers = 1000;
+  std::vector<int> order;
+  std::vector<std::shared_ptr<FnTimer>> timers;
+  // Distinct delays a second apart, so that the time spent arming cannot reorder them.
+  for (int i = 0; i < kTimers; ++i) {
+    timers.push_back(
+        std::make_shared<FnTimer>(root, "t", [&order, i](FnTimer&) { order.push_back(i); }));
+    timers.back()->scheduleTaskDelay(std::chrono::seconds((i * 7919) % kTimers + 1));
+  }
+  Platform::setFastForward(true);
+  Platform::doEventLoop();
+  ASSERT_EQ(order.size(), size_t(kTimers));
+  for (size_t k = 1; k < order.size(); ++k) {
+    EXPECT_LT((order[k - 1] * 7919) % kTimers, (order[k] * 7919) % kTimers) << "at " << k;
+  }
 }
 
 TEST_F(LoopTimerTest, LowestDelayKeepsThePlatformExpiryAndTimersSurviveAThrowingTask) {
