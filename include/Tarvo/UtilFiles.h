@@ -42,7 +42,7 @@ inline constexpr size_t kFileReadLimit = size_t{16} << 20;
 // `traceOpenFailure`). On a read error, whatever was read before it (traced at 1). A file
 // (or pipe, or device) holding more than `limit` bytes before any NUL gives its first `limit`
 // bytes, traced at 1 like a read error, with errno set to EFBIG; so a huge or endlessly
-// growing file never exhausts memory or blocks forever behind more data. Never throws
+// growing file never exhausts memory or keeps the caller reading forever. Never throws
 // (except std::bad_alloc when even `limit` bytes cannot be allocated).
 std::string fileRead(Platform::DebugHandler& h, const std::string& path, bool traceOpenFailure,
                      size_t limit = kFileReadLimit);

@@ -670,6 +670,12 @@ TEST(TypenameFromVptr, NamesTypeInAnotherProcessAndExplainsBadTables) {
   ASSERT_EQ(::pwrite(fd, &beyond, sizeof beyond, 64), static_cast<ssize_t>(sizeof beyond));
   EXPECT_EQ(Util::typenameFromVptr(getpid(), map + 64 + sizeof beyond, error), nullptr);
   EXPECT_THAT(error, StartsWith("Could not read typeInfo for vptr:"));
+  // Slot and type information inside the file (the slot points at itself as the type
+  // information, whose name word follows), the name they lead to beyond it.
+  const char* typeInfo[2] = {map + 64, beyond};
+  ASSERT_EQ(::pwrite(fd, typeInfo, sizeof typeInfo, 64), static_cast<ssize_t>(sizeof typeInfo));
+  EXPECT_EQ(Util::typenameFromVptr(getpid(), map + 64 + sizeof beyond, error), nullptr);
+  EXPECT_THAT(error, StartsWith("Could not read type name at:"));
   ::munmap(map, 2 * page);
   ::close(fd);
 }
