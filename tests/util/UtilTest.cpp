@@ -345,14 +345,13 @@ TEST(FilesTest, QueriesAnswerAndTheirFailuresAreTraced) {
   char cwd[PATH_MAX];
   EXPECT_EQ(Util::getCwd(trace), ::getcwd(cwd, sizeof cwd));
   // A working directory that was removed has no path any more.
-  EXPECT_EQ(1, runInChild([&] {
-                 const std::string gone =
-                     "Util::getCwd() getcwd() failed:No such file or directory";
-                 return ::mkdir(dir.file("cwd").c_str(), 0700) == 0 &&
-                        ::chdir(dir.file("cwd").c_str()) == 0 && ::rmdir(".") != 0 &&
-                        ::rmdir(dir.file("cwd").c_str()) == 0 &&
-                        thrownMessage([&] { Util::getCwd(trace); }) == gone && trace.has(0, gone);
-               }).exitCode);
+  EXPECT_EQ(
+      1, runInChild([&] {
+           const std::string gone = "Util::getCwd() getcwd() failed:No such file or directory";
+           return ::mkdir(dir.file("cwd").c_str(), 0700) == 0 &&
+                  ::chdir(dir.file("cwd").c_str()) == 0 && ::rmdir(dir.file("cwd").c_str()) == 0 &&
+                  thrownMessage([&] { Util::getCwd(trace); }) == gone && trace.has(0, gone);
+         }).exitCode);
 }
 
 TEST(DirNodeTest, ReadsEveryEntryRewindsAndOpensOnlyDirectories) {
