@@ -324,6 +324,8 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
     }
   }
   void requestSchedulerRunAndRecord(TaskTimePoint now);
+  // When the last run was requested: the end of the last task run, as a rule.
+  TaskTimePoint lastRunRequestTime() const noexcept { return lastRunRequestTime_; }
   void checkSchedulerLatency();
   nanoseconds schedulerLatencyHighWaterMark() const noexcept {
     return schedulerLatencyHighWaterMark_;

@@ -82,12 +82,18 @@ void TaskGroup::runTurn(ParentTask& parent) {
     taskRunQueuesMovePersistentToTemporary();
   }
   unsigned long long count = 0;
+  // Under the real-time rule the budget is checked against the end stamp of the inner run
+  // (the group's last run request), which spares a clock read per inner run.
+  const bool realTime = parent.taskShouldYieldMode() == TaskImpl::realTime;
+  const TaskTimePoint turnStart = processClockNow();
+  const nanoseconds budget = parent.taskQuantum();
   try {
     // A suspended root ignores every run; the turn then ends at once.
     while (!root()->suspended() && taskPickable()) {
       ++count;
       handleSchedulerRun();
-      if (parent.taskShouldYield()) {
+      if (realTime ? lastRunRequestTime() < turnStart || lastRunRequestTime() - turnStart >= budget
+                   : parent.taskShouldYield()) {
         break;
       }
     }
