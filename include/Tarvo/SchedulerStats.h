@@ -5,6 +5,12 @@
 // produce the figures as values; printStatsImpl() and taskSchedulerDisplay() only format them.
 // A writer of another format takes the same values.
 //
+// The report's sections, each line ending in a newline: the summary (a header and five rows),
+// the slip line, an empty line, the legend, an empty line, the live table, and, when dead
+// records were gathered, an empty line and the dead table. A scheduler's printStats() then
+// adds the line about the history when asked for one; the root's adds an empty line and its
+// history listing.
+//
 // Threads: values only; the figures are gathered on the thread of their scheduler tree.
 // Failures: merging records of different priorities ends the process (a programming error).
 #pragma once

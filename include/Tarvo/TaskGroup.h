@@ -4,8 +4,8 @@
 // The parent sees a group as one task, its ParentTask, named "<group name>;TaskGroup", with
 // one priority and one quantum. Each turn of that task runs the group's tasks back to back
 // (pickOneTask's rules inside the group, no event-loop pass between them) until no task is
-// waiting or the parent task's quantum is used up; that quantum is the time budget of the
-// whole group per turn. With tasksPermittedMultipleRunsIs(false) a turn runs only the tasks
+// waiting or the parent task's quantum is used up, counted from the start of the turn to the
+// end of the last inner run; that quantum is the time budget of the whole group per turn. With tasksPermittedMultipleRunsIs(false) a turn runs only the tasks
 // that were waiting when it started, each at most once. Groups nest: the parent may itself be
 // a group.
 //
