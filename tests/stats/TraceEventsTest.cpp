@@ -20,19 +20,6 @@ using nlohmann::json;
 using Test::FnTask;
 using Type = TaskSchedulerEventType;
 
-// A child scheduler of the root whose runs the test drives, as a task group's parent task
-// would: inside a run of a task of the root.
-class ChildScheduler : public TaskScheduler {
- public:
-  ChildScheduler(const std::string& name, TaskSchedulerRoot* root)
-      : TaskScheduler(name, root, root->history()) {
-    root->registerScheduler(this);
-  }
-  ~ChildScheduler() override { root()->unregisterScheduler(this); }
-  void requestSchedulerRun() override {}
-  void handleTaskForceYieldInTest() override {}
-};
-
 json traceOf(const TaskSchedulerRoot& root) {
   std::ostringstream os;
   root.writeTraceEvents(os);
@@ -106,7 +93,7 @@ TEST(JsonTextTest, StringsEscapeControlBytesAndReplaceEveryInvalidUtf8Byte) {
 
 TEST(TraceEventsTest, RunsAreCompleteEventsOnTheirSchedulersTracksWhateverTheNames) {
   auto root = std::make_shared<TaskSchedulerRootManual>("root \"main\"");
-  auto child = std::make_shared<ChildScheduler>("group\\1", root.get());
+  auto group = TaskGroupIs("group\\1", TaskPriority::normal, true, root);
   const std::vector<std::string> names = {"quote\"back\\slash",
                                           std::string("ctl\x01\n\x1f\0end", 12),
                                           "caf\xc3\xa9 \xf0\x9f\x98\x80", "bad\xff\xc0\xaf"};
@@ -115,17 +102,12 @@ TEST(TraceEventsTest, RunsAreCompleteEventsOnTheirSchedulersTracksWhateverTheNam
     tasks.push_back(
         std::make_shared<FnTask>(root, i % 2 ? TaskPriority::low : TaskPriority::high, names[i]));
   }
-  auto inner = std::make_shared<FnTask>(child, TaskPriority::scavenge, "inner");
-  // The parent runs the child scheduler inside its own run, as a task group does.
-  auto parent = std::make_shared<FnTask>(root, TaskPriority::normal, "parent", [&](FnTask&) {
-    inner->scheduleTask();
-    child->handleSchedulerRun();
-  });
+  auto inner = std::make_shared<FnTask>(group, TaskPriority::normal, "inner");
   for (int round = 0; round < 2; ++round) {
     for (auto& t : tasks) {
       t->scheduleTask();
     }
-    parent->scheduleTask();
+    inner->scheduleTask();
     root->runUntilIdle();
   }
   tasks[0]->taskSuspendedIs(true);
@@ -198,13 +180,13 @@ TEST(TraceEventsTest, RunsAreCompleteEventsOnTheirSchedulersTracksWhateverTheNam
     if (name == "inner") {
       EXPECT_EQ(e["tid"], 2);
       EXPECT_EQ(e["args"]["scheduler"], "group\\1");
-      EXPECT_EQ(e["args"]["priority"], "scavenge");
+      EXPECT_EQ(e["args"]["priority"], "normal");
       innerRuns.push_back(e);
     } else {
       EXPECT_EQ(e["tid"], 1);
       EXPECT_EQ(e["args"]["scheduler"], "root \"main\"");
     }
-    if (name == "parent") {
+    if (name == "group\\1;TaskGroup") {
       parentRuns.push_back(e);
     }
   }
