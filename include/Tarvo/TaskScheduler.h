@@ -553,6 +553,13 @@ class TaskSchedulerRoot : public TaskScheduler {
   // ambiguous and vanished names). Any bytes in names give valid UTF-8 JSON. Only reads: it
   // adds nothing to recording. Root's thread only.
   void writeTraceEvents(std::ostream& os) const;
+  // The figures of printStats() as JSON, for monitoring: the per-priority summary, the
+  // largest scheduler slip, and a record per live task and (when `includeDeadTasks`) per
+  // dead-task record, in the report's row order, durations in integer nanoseconds and a work
+  // high-water mark that was never recorded as null. Tasks that never ran are included only
+  // with `includeNoRuns`; the counts left out are given. Gathers through statsSnapshotRoot().
+  void writeStatsJson(std::ostream& os, bool includeNoRuns = true,
+                      bool includeDeadTasks = true) const;
   // True while any scheduler of the tree is resetting its statistics.
   bool resetStatsInProgress() const override;
   // The report over the whole tree: every scheduler's live tasks (and dead records) in one
