@@ -1,6 +1,10 @@
 // The machine-readable outputs beside the text they stand next to, in one binary:
 //   BM_WriteTraceEvents/N     the history as Trace Event JSON, ring of N events full
 //   BM_AnchorPrintHistory/N   anchor: the same history as the text listing (printHistory)
+//   BM_WriteStatsJson/N       the statistics of a tree of N tasks (each run once, a tenth of
+//                             them dead) as JSON
+//   BM_AnchorPrintStats/N     anchor: the same statistics as the text report (printStats,
+//                             without the history)
 // Each reports the bytes written ("bytes_out") and the heap the write needed at its peak
 // beyond what was allocated before it ("peak_heap_bytes"), counted by the allocation hooks
 // below; the output string itself is reserved beforehand and not counted.
@@ -130,6 +134,38 @@ void BM_AnchorPrintHistory(benchmark::State& state) {
   });
 }
 BENCHMARK(BM_AnchorPrintHistory)->Arg(100)->Arg(100000)->Unit(benchmark::kMicrosecond);
+
+// A root with `count` tasks that ran once each; every tenth has died, under a name of its own.
+std::shared_ptr<Tarvo::TaskSchedulerRootManual> rootWithTasks(
+    int count, std::vector<std::shared_ptr<Empty>>& live) {
+  auto root = std::make_shared<Tarvo::TaskSchedulerRootManual>("bench");
+  live.clear();
+  for (int i = 0; i < count; ++i) {
+    auto t = std::make_shared<Empty>(root, Tarvo::TaskPriority(i % 5), "task-" + std::to_string(i));
+    t->scheduleTask();
+    root->runUntilIdle();
+    if (i % 10 != 0) {
+      live.push_back(std::move(t));
+    }
+  }
+  return root;
+}
+
+void BM_WriteStatsJson(benchmark::State& state) {
+  std::vector<std::shared_ptr<Empty>> live;
+  auto root = rootWithTasks(static_cast<int>(state.range(0)), live);
+  measureOutput(state, [&](std::ostream& os) { root->writeStatsJson(os); });
+}
+BENCHMARK(BM_WriteStatsJson)->Arg(10000)->Unit(benchmark::kMillisecond);
+
+void BM_AnchorPrintStats(benchmark::State& state) {
+  std::vector<std::shared_ptr<Empty>> live;
+  auto root = rootWithTasks(static_cast<int>(state.range(0)), live);
+  measureOutput(state, [&](std::ostream& os) {
+    root->printStats(os, true, false, Tarvo::statsNoLimit, Tarvo::statsNoLimit, 0);
+  });
+}
+BENCHMARK(BM_AnchorPrintStats)->Arg(10000)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 
