@@ -547,3 +547,6 @@ inline void TaskSchedulerHistory::insert(const TimePoint& when, TaskSchedulerEve
 
 // The event-loop root and the per-thread roots complete the scheduler API.
 #include "Tarvo/TaskSchedulerRootTarvo.h"
+
+// Descriptor tasks.
+#include "Tarvo/FileDescriptorTask.h"
