@@ -548,5 +548,6 @@ inline void TaskSchedulerHistory::insert(const TimePoint& when, TaskSchedulerEve
 // The event-loop root and the per-thread roots complete the scheduler API.
 #include "Tarvo/TaskSchedulerRootTarvo.h"
 
-// Descriptor tasks.
+// Descriptor tasks and the platform controls backed by tasks.
 #include "Tarvo/FileDescriptorTask.h"
+#include "Tarvo/TaskControls.h"
