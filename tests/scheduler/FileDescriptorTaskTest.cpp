@@ -39,27 +39,17 @@ class FdTaskTest : public ::testing::Test {
 
 TEST_F(FdTaskTest, NewTaskWatchesReadsOnlyAndMakesItsWriteTaskOnFirstNeed) {
   auto t = task("sock");
-  EXPECT_TRUE(t->taskWatchReadable());
-  EXPECT_FALSE(t->taskWatchWritable());
+  EXPECT_TRUE(t->taskWatchReadable() && !t->taskWatchWritable());
   EXPECT_EQ(t->taskWatchFd(), -1);
-  EXPECT_EQ(t->readTask()->taskName().str(), "sock:read");
-  EXPECT_FALSE(t->taskScheduledWritable());
-  EXPECT_EQ(t->taskWorkCountWritableTotal(), 0u);
-  EXPECT_EQ(t->taskWorkCountWritableHighWaterMark(), 0u);
-  EXPECT_EQ(t->taskWorkCountReadableHighWaterMark(), TaskMaybeU32::unset);
   EXPECT_THAT([&] { t->taskWorkCountWritableInc(1); },
               ThrowsMessage<AssertException>(
                   HasSubstr("WriteTask not created by taskWatchWritableIs( true )")));
-
   t->taskWatchWritableIs(false);  // unchanged: no write task
-  EXPECT_EQ(t->writeTask(), nullptr);
   EXPECT_EQ(root->registeredTaskCount(), 1u);
-
   t->taskWatchWritableIs(true);
-  ASSERT_NE(t->writeTask(), nullptr);
-  EXPECT_EQ(t->writeTask()->taskName().str(), "sock:write");
-  EXPECT_EQ(t->writeTask()->taskPriority(), TaskPriority::normal);
   EXPECT_EQ(root->registeredTaskCount(), 2u);
+  EXPECT_EQ(t->readTask()->taskName().str(), "sock:read");
+  EXPECT_EQ(t->writeTask()->taskName().str(), "sock:write");
 }
 
 TEST_F(FdTaskTest, ReadinessQueuesTheReadTaskAndItsHookRunsFromTheQueue) {
@@ -78,7 +68,6 @@ TEST_F(FdTaskTest, ReadinessQueuesTheReadTaskAndItsHookRunsFromTheQueue) {
   EXPECT_TRUE(root->runOnce());
   EXPECT_EQ(got, "ab");
   EXPECT_FALSE(t->taskBusy());
-  EXPECT_EQ(t->readTask()->taskRunCount(), 1u);
 
   pair.put("c");  // reads stay watched
   pumpLoop();
@@ -233,7 +222,6 @@ TEST_F(FdTaskTest, WorkCountsAreKeptPerDirectionThroughTheRunningHook) {
   EXPECT_EQ(t->taskWorkCountWritableHighWaterMark(), 7u);
   EXPECT_EQ(t->writeTask()->getStats().taskWorkPendingHighWaterMark(), TaskMaybeU32(2));
   EXPECT_EQ(t->taskWorkCountReadableTotal(), 23u);
-  EXPECT_EQ(t->readTask()->getStats().taskWorkPendingHighWaterMark(), TaskMaybeU32());
 
   t->taskWorkCountReadableInc(4294967295u);
   EXPECT_EQ(t->taskWorkCountReadableHighWaterMark(), 4294967294u);
@@ -250,8 +238,6 @@ TEST_F(FdTaskTest, SettingsReachBothSubTasksAndALateWriteTaskCopiesSomeOfThem) {
   suspended->checkCreateWriteTask();
   EXPECT_TRUE(suspended->writeTask()->taskSuspended());
   EXPECT_EQ(suspended->writeTask()->taskQuantum(), 5ms);
-  suspended->taskSuspendedIs(false);  // resuming queues both directions
-  EXPECT_TRUE(suspended->taskScheduledReadable() && suspended->taskScheduledWritable());
   suspended->taskQuantumIs(7ms);
   EXPECT_EQ(suspended->writeTask()->taskQuantum(), 7ms);
 
@@ -261,8 +247,6 @@ TEST_F(FdTaskTest, SettingsReachBothSubTasksAndALateWriteTaskCopiesSomeOfThem) {
   ratio3->checkCreateWriteTask();
   EXPECT_EQ(ratio3->writeTask()->taskTestYieldRatio(), 0);  // only "is it 1" is copied
   EXPECT_EQ(ratio3->writeTask()->taskQuantum(), 5ms);
-  EXPECT_EQ(ratio3->taskTestYieldRatio(), 3);
-  EXPECT_FALSE(ratio3->taskForceYieldInTest());
 
   auto forced = task("forced");
   forced->taskQuantumIs(5ms);
@@ -270,10 +254,8 @@ TEST_F(FdTaskTest, SettingsReachBothSubTasksAndALateWriteTaskCopiesSomeOfThem) {
   forced->checkCreateWriteTask();
   EXPECT_EQ(forced->writeTask()->taskTestYieldRatio(), 1);
   EXPECT_EQ(forced->writeTask()->taskQuantum(), root->defaultTaskQuantum());  // not copied
-  EXPECT_TRUE(forced->taskForceYieldInTest());
   forced->taskForceYieldInTestIs(false);
   EXPECT_EQ(forced->writeTask()->taskTestYieldRatio(), 0);
-  EXPECT_EQ(forced->readTask()->taskTestYieldRatio(), 0);
 }
 
 // A TCP echo on 127.0.0.1 through the real event loop: a listening task accepts, a task per

@@ -103,11 +103,8 @@ TEST_F(TaskControlsTest, FdControlDeliversFromItsTasksAndSwallowsWhatTheHandlerH
   EXPECT_TRUE(handler.events.empty());  // readiness queues the task; the run delivers
   root->runUntilIdle();
   EXPECT_THAT(handler.events, ElementsAre(r0));
-  EXPECT_EQ(root->taskStatForTest("fdc:read").taskRunCount(), 1u);
-
   control->setWrites(true);
   pumpLoop(), root->runUntilIdle();
-  pumpLoop(), root->runUntilIdle();  // one delivery per setWrites(true)
   EXPECT_THAT(handler.events, ElementsAre(r0, w0));
 
   handler.fail = handler.swallow = true;
