@@ -16,6 +16,21 @@ void requireHandler(const void* handler, const char* function, int line) {
   }
 }
 
+class TaskTimerControl : public TimerTask, public TimerControl {
+ public:
+  TaskTimerControl(TimeoutHandler* handler, std::shared_ptr<TaskScheduler> scheduler,
+                   TaskPriority priority, std::string name)
+      : TimerTask(std::move(scheduler), priority, name), handler_(handler) {}
+
+  void setTimeout(double seconds) override { scheduleTaskDelay(seconds); }
+  void delTimeout() override { stopTimerTask(); }
+  double remainingTimeout() const override { return timerRemaining(); }
+  void taskExecute() override { handler_->timeout(); }
+
+ private:
+  TimeoutHandler* handler_;
+};
+
 class TaskCallbackControl : public Task, public CallbackControl {
  public:
   TaskCallbackControl(CallbackHandler* handler, std::shared_ptr<TaskScheduler> scheduler,
@@ -65,6 +80,14 @@ class TaskFdControl : public FileDescriptorTask, public FdControl {
 };
 
 }  // namespace
+
+std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* handler,
+                                              std::shared_ptr<TaskScheduler> scheduler,
+                                              TaskPriority priority, std::string name) {
+  requireHandler(handler, __func__, __LINE__);
+  return std::make_shared<TaskTimerControl>(handler, std::move(scheduler), priority,
+                                            std::move(name));
+}
 
 std::shared_ptr<CallbackControl> getCallbackControl(CallbackHandler* handler,
                                                     std::shared_ptr<TaskScheduler> scheduler,

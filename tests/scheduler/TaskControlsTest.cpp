@@ -2,6 +2,8 @@
 // event-loop controls.
 #include <unistd.h>
 
+#include <chrono>
+#include <cmath>
 #include <functional>
 #include <stdexcept>
 #include <string>
@@ -17,20 +19,24 @@
 namespace Tarvo::Test {
 namespace {
 
+using namespace std::chrono_literals;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::ThrowsMessage;
 
-struct Calls : Platform::CallbackHandler {
+struct Calls : Platform::CallbackHandler, Platform::TimeoutHandler {
   int calls = 0, asked = 0;
   bool fail = false;
-  void callback() override {
+  void callback() override { call(); }
+  void timeout() override { call(); }
+  void call() {
     ++calls;
     if (fail) {
-      throw std::runtime_error("callback");
+      throw std::runtime_error("call");
     }
   }
   bool handleCallbackException() override { return ++asked, true; }
+  bool handleTimeoutException() override { return ++asked, true; }
 };
 
 // Logs "r<fd>" / "w<fd>" per notification and drains what is readable; throws from
@@ -91,6 +97,39 @@ TEST_F(TaskControlsTest, CallbackControlIsATaskOfTheGivenPriorityAndName) {
   control->requestCallback();
   root->runUntilIdle();
   EXPECT_EQ(handler.calls, 3);
+}
+
+TEST_F(TaskControlsTest, TimerControlIsATimerTaskOnTheRootsClock) {
+  Calls handler;
+  auto control = Platform::getTimerControl(&handler, root, TaskPriority::low, "tick");
+  EXPECT_EQ(control->remainingTimeout(), HUGE_VAL);
+  control->setTimeout(0.0);  // runnable at once, run on the next scheduler turn
+  EXPECT_EQ(handler.calls, 0);
+  EXPECT_TRUE(root->runOnce());
+  EXPECT_EQ(handler.calls, 1);
+  EXPECT_EQ(root->taskStatForTest("tick").taskPriority(), TaskPriority::low);
+
+  control->setTimeout(5.0);
+  root->advanceBy(4s);
+  EXPECT_EQ(handler.calls, 1);
+  EXPECT_DOUBLE_EQ(control->remainingTimeout(), 1.0);
+  control->setTimeout(3.0);  // replaces the earlier expiry
+  root->advanceBy(2s);
+  EXPECT_EQ(handler.calls, 1);
+  root->advanceBy(1s);
+  EXPECT_EQ(handler.calls, 2);
+  EXPECT_EQ(control->remainingTimeout(), HUGE_VAL);
+
+  control->setTimeout(1.0);
+  control->delTimeout();
+  EXPECT_EQ(control->remainingTimeout(), HUGE_VAL);
+  root->advanceBy(2s);
+  EXPECT_EQ(handler.calls, 2);
+
+  handler.fail = true;  // passes on without asking handleTimeoutException()
+  control->setTimeout(0.0);
+  EXPECT_THROW(root->runUntilIdle(), std::runtime_error);
+  EXPECT_EQ(handler.asked, 0);
 }
 
 TEST_F(TaskControlsTest, FdControlDeliversFromItsTasksAndSwallowsWhatTheHandlerHandles) {
