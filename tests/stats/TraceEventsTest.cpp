@@ -52,7 +52,7 @@ std::map<int, std::string> threadNames(const json& trace) {
 }
 
 TEST(JsonTextTest, StringsEscapeControlBytesAndReplaceEveryInvalidUtf8Byte) {
-  const std::string tricky = std::string("q\"b\\s/\n\t\r\x01\x1f\x7f", 13) + std::string(1, '\0');
+  const std::string tricky = std::string("q\"b\\s/\n\t\r\x01\x1f\x7f", 12) + std::string(1, '\0');
   EXPECT_EQ(json::parse(jsonText(tricky)).get<std::string>(), tricky);
   EXPECT_EQ(jsonText(std::string("\x01\0", 2)), "\"\\u0001\\u0000\"");
   const std::string fffd = "\xef\xbf\xbd";
@@ -95,7 +95,7 @@ TEST(TraceEventsTest, RunsAreCompleteEventsOnTheirSchedulersTracksWhateverTheNam
   auto root = std::make_shared<TaskSchedulerRootManual>("root \"main\"");
   auto group = TaskGroupIs("group\\1", TaskPriority::normal, true, root);
   const std::vector<std::string> names = {"quote\"back\\slash",
-                                          std::string("ctl\x01\n\x1f\0end", 12),
+                                          std::string("ctl\x01\n\x1f\0end", 10),
                                           "caf\xc3\xa9 \xf0\x9f\x98\x80", "bad\xff\xc0\xaf"};
   std::vector<std::shared_ptr<FnTask>> tasks;
   for (size_t i = 0; i < names.size(); ++i) {
