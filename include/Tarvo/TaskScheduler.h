@@ -50,7 +50,9 @@ class TaskSchedulerRoot;
 class TimerTask;
 
 // Identity, scheduler link, priority, names and busy state shared by every kind of task.
-// Owned through std::shared_ptr; a task keeps its scheduler alive.
+// Owned through std::shared_ptr; a task keeps its scheduler alive. A task that no
+// std::shared_ptr owns cannot be held through its run: the scheduler run that picks it throws
+// std::bad_weak_ptr and drops it (it is no longer queued), and the other tasks run on.
 class _TaskBase : public std::enable_shared_from_this<_TaskBase> {
  public:
   _TaskBase(const _TaskBase&) = delete;
@@ -331,8 +333,10 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
   size_t registeredTaskCount() const;
 
   nanoseconds defaultTaskQuantum() const noexcept { return defaultTaskQuantum_; }
-  // The quantum of tasks created from now on; existing tasks keep theirs.
-  void defaultTaskQuantumIs(nanoseconds q) noexcept { defaultTaskQuantum_ = q; }
+  // The quantum of tasks created from now on; existing tasks keep theirs. Zero makes their
+  // taskShouldYield() answer true at once and counts no quantum violations. A negative
+  // quantum throws AssertException "Quantum: <q>" and leaves the default as it was.
+  void defaultTaskQuantumIs(nanoseconds q);
 
   void taskRunQueuesMovePersistentToTemporary();
   void taskRunQueuesMoveTemporaryToPersistent();

@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
+#include <cstddef>
+#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -66,6 +68,36 @@ TEST(IntrusiveListTest, ElementsUnlinkThemselvesBookmarksAreSkippedAndDoubleLink
   EXPECT_DEATH(mark.insertBefore(r.begin()), "!link\\.isLinked\\(\\)");
 }
 
+// The virtual slot a member function occupies (Itanium C++ ABI: a pointer to a virtual member
+// holds one plus its byte offset in the table).
+template <typename Member>
+std::ptrdiff_t slotOf(Member member) {
+  static_assert(sizeof(member) == 2 * sizeof(std::ptrdiff_t));
+  std::ptrdiff_t words[2];
+  std::memcpy(words, &member, sizeof words);
+  return (words[0] - 1) / static_cast<std::ptrdiff_t>(sizeof(void*));
+}
+
+TEST(BinaryInterfaceTest, VirtualSlotsKeepTheirOrder) {
+  // Lists: isBookmark, then the destructor's two entries.
+  EXPECT_EQ(slotOf(&Queue::isBookmark), 0);
+  EXPECT_EQ(slotOf(&Registry::isBookmark), 0);
+  EXPECT_EQ(slotOf(&TaskScheduler::TaskList::isBookmark), 0);
+  // Tasks: six operations, the destructor, then the four of TaskImpl.
+  EXPECT_EQ(slotOf(&_TaskBase::taskScheduled), 0);
+  EXPECT_EQ(slotOf(&_TaskBase::handleResetStats), 5);
+  EXPECT_EQ(slotOf(&TaskImpl::scheduleTask), 8);
+  EXPECT_EQ(slotOf(&TaskImpl::taskExecute), 11);
+  // Schedulers: resetStatsInProgress first, taskRegister and the destructor last, and the
+  // root's hooks and timer operations right after them.
+  std::ptrdiff_t reg = slotOf(&TaskScheduler::taskRegister);
+  EXPECT_EQ(slotOf(&TaskScheduler::resetStatsInProgress), 0);
+  EXPECT_EQ(slotOf(&TaskScheduler::handleTaskForceYieldInTest), reg - 1);
+  EXPECT_EQ(slotOf(&TaskScheduler::requestSchedulerRun), reg - 2);
+  EXPECT_EQ(slotOf(&TaskSchedulerRoot::taskCreated), reg + 3);
+  EXPECT_EQ(slotOf(&TaskSchedulerRoot::timerExpiry), reg + 11);
+}
+
 class SchedulerTest : public ::testing::Test {
  protected:
   std::shared_ptr<TaskSchedulerRootManual> root = std::make_shared<TaskSchedulerRootManual>("root");
@@ -91,6 +123,17 @@ TEST_F(SchedulerTest, RunsCountQuantumViolationsAtTwiceAndFiveTimesItAndWorkDone
   EXPECT_DEATH(task->taskQuantumNoCheckIs(0ns), "Quantum: 0ns");
   root->defaultTaskQuantumIs(7ms);
   EXPECT_EQ(std::make_shared<FnTask>(root, TaskPriority::normal, "later")->taskQuantum(), 7ms);
+  EXPECT_THAT([&] { root->defaultTaskQuantumIs(-1ns); },
+              ::testing::ThrowsMessage<AssertException>(
+                  ::testing::ContainsRegex("defaultTaskQuantumIs:[0-9]+: Quantum: -1ns")));
+  EXPECT_EQ(root->defaultTaskQuantum(), 7ms);
+  root->defaultTaskQuantumIs(0ns);  // always asked to yield, never a violation
+  auto zero = std::make_shared<FnTask>(root, TaskPriority::normal, "zero",
+                                       [&](FnTask& t) { log += t.taskShouldYield() ? 'y' : '.'; });
+  zero->taskDoRun(TaskClock::now() - 1s, &end);
+  EXPECT_EQ(log, "y");
+  EXPECT_EQ(zero->taskQuantumViolation200() + zero->taskQuantumViolation500(), 0u);
+  log.clear();
 
   task->taskQuantumIs(100ms);
   for (auto [ran, v200, v500] : {std::tuple{190ms, 0u, 0u}, std::tuple{200ms, 1u, 0u},
@@ -220,7 +263,7 @@ TEST_F(SchedulerTest, RunRequestsFollowIdleAndRunnableChangesAndSplitQueuesMerge
   EXPECT_EQ(root->pickOneTask(now, TaskPriority::absolute), nullptr);
 }
 
-TEST_F(SchedulerTest, RunSurvivesThrowingTasksAndOwnersLettingGo) {
+TEST_F(SchedulerTest, RunSurvivesThrowingTasksUnownedTasksAndOwnersLettingGo) {
   TaskKey seen;
   auto bad = std::make_shared<FnTask>(root, TaskPriority::normal, "bad", [&](FnTask&) {
     seen = root->currentTask();
@@ -231,8 +274,13 @@ TEST_F(SchedulerTest, RunSurvivesThrowingTasksAndOwnersLettingGo) {
     task.reset();
     alive = t.taskMagicNumber() == TaskImpl::taskMagicNumberConstructed;
   });
+  FnTask unowned(root, TaskPriority::high, "unowned");  // no std::shared_ptr owns it
+  unowned.scheduleTask();
   bad->scheduleTask();
   task->scheduleTask();
+  EXPECT_THROW(root->runOnce(), std::bad_weak_ptr);
+  EXPECT_TRUE(root->runPending()) << "a task that cannot be held must not stall the others";
+  EXPECT_EQ(unowned.runs, 0);
   EXPECT_THROW(root->runOnce(), std::runtime_error);
   EXPECT_EQ(seen, TaskKey(static_cast<const _TaskBase*>(bad.get())));
   EXPECT_EQ(root->currentTask(), TaskKey());
