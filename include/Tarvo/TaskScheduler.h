@@ -103,7 +103,9 @@ class _TaskBase : public std::enable_shared_from_this<_TaskBase> {
   bool taskBusy_ = false;
 };
 
-// "<name>@<key>" for trace lines; "NULL" for a null task.
+// "<name>@<key>" for trace lines; "NULL" for a null task. "<count>ns" for a duration. Each
+// is written as one piece of text: the stream's number format does not apply, and a width
+// set by the caller pads the whole text.
 std::ostream& operator<<(std::ostream& os, const _TaskBase* task);
 std::ostream& operator<<(std::ostream& os, const std::chrono::nanoseconds& d);
 
@@ -470,7 +472,8 @@ class TaskSchedulerRoot : public TaskScheduler {
   void historyEntryCountIs(unsigned capacity);
   void clearHistory();
   // Writes the newest events first, at most `limit` of them, with absolute time stamps and
-  // microseconds before the newest event.
+  // microseconds before the newest event. The layout does not depend on the format the caller
+  // left on `os` (base, fill, adjustment, width, locale), and that format is kept.
   void printHistory(std::ostream& os, unsigned limit) const;
   void printHistoryStdErr() const;
   // A pseudo-random percentage (0 to 99) for test hooks.
