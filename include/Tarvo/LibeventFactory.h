@@ -11,7 +11,8 @@
 // offset, except the fast-forward switch and the WAITFOR_DEFAULT value, which are
 // process-wide and safe to read from any thread.
 //
-// All trace lines of this layer go to the "TarvoLibevent" trace handler.
+// All trace lines of this layer go to the "TarvoLibevent" trace handler. Its AssertExceptions
+// are only thrown, never traced: the catcher decides whether they are worth a line.
 #pragma once
 
 #include <sys/time.h>

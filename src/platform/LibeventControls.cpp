@@ -22,8 +22,7 @@ Platform::DebugHandler* const traceHandler = leDebugHandler();
 
 void requireHandler(const void* handler, const char* function, int line) {
   if (handler == nullptr) {
-    debugAndThrowAssertException(traceHandler, 0, "a control needs a handler", kSource, function,
-                                 line);
+    debugAndThrowAssertException(nullptr, 0, "a control needs a handler", kSource, function, line);
   }
 }
 

@@ -64,7 +64,7 @@ class LoopScope {
  public:
   LoopScope() {
     if (loopDepth != 0) {
-      debugAndThrowAssertException(leDebugHandler(), 0,
+      debugAndThrowAssertException(nullptr, 0,
                                    "event loop run from inside one of its own notifications",
                                    kSource, __func__, __LINE__);
     }
@@ -184,7 +184,7 @@ void leRegisterBase(event_base* base) {
     message << "Tried to register a base:" << static_cast<const void*>(base)
             << " but a thread_local "
             << " base already exists: " << static_cast<const void*>(threadBase);
-    debugAndThrowAssertException(leDebugHandler(), 0, message, kSource, __func__, __LINE__);
+    debugAndThrowAssertException(nullptr, 0, message, kSource, __func__, __LINE__);
   }
   threadBase = base;
   threadBaseOwned = false;
@@ -198,7 +198,7 @@ void leFree() {
   if (liveControls != 0) {
     Platform::DebugStream message;
     message << "leFree with " << liveControls << " controls still using the base";
-    debugAndThrowAssertException(leDebugHandler(), 0, message, kSource, __func__, __LINE__);
+    debugAndThrowAssertException(nullptr, 0, message, kSource, __func__, __LINE__);
   }
   event_base_free(threadBase);
   threadBase = nullptr;
@@ -351,7 +351,7 @@ void le_debug_cb(int severity, const char* msg) {
     default: {
       Platform::DebugStream message;
       message << "invalid libevent severity:" << severity << " msg:" << (msg ? msg : "");
-      debugAndThrowAssertException(leDebugHandler(), 0, message, kSource, __func__, __LINE__);
+      debugAndThrowAssertException(nullptr, 0, message, kSource, __func__, __LINE__);
     }
   }
   TARVO_TRACE(leDebugHandler(), level, "libevent: " << (msg ? msg : ""));
@@ -360,7 +360,7 @@ void le_debug_cb(int severity, const char* msg) {
 void le_fatal_cb(int err) {
   Platform::DebugStream message;
   message << "libevent fatal error:" << err;
-  debugAndThrowAssertException(leDebugHandler(), 0, message, kSource, __func__, __LINE__);
+  debugAndThrowAssertException(nullptr, 0, message, kSource, __func__, __LINE__);
 }
 
 }  // namespace Tarvo
