@@ -138,6 +138,23 @@ TEST(LibeventTimerControl, RemainingTimeoutFollowsArmingTimedRunsEndAndReArmingW
   EXPECT_EQ(recorder.timeouts, 6);
 }
 
+TEST(LibeventTimerControl, RemainingTimeoutIsExactToTheMicrosecondAcrossClockTicks) {
+  // libevent's coarse clock moves in ticks of several milliseconds; sampled over 20 ms, the
+  // remaining time of a fresh one-second timer must never be short by more than the time
+  // spent between the two calls.
+  Recorder recorder;
+  auto control = Platform::getTimerControl(&recorder);
+  double worst = 0;
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(20);
+  while (std::chrono::steady_clock::now() < end) {
+    control->setTimeout(1.0);
+    worst = std::max(worst, 1.0 - control->remainingTimeout());
+  }
+  EXPECT_LT(worst, 0.0005);
+  control->setTimeout(0);
+  EXPECT_EQ(control->remainingTimeout(), 0);
+}
+
 TEST(LibeventCallbackControl, RequestsCoalesceAndCancelWithdraws) {
   Recorder recorder;
   auto control = Platform::getCallbackControl(&recorder);
