@@ -18,6 +18,7 @@ namespace Tarvo {
 namespace {
 
 using namespace std::chrono_literals;
+using std::chrono::nanoseconds;
 using Test::FnTask;
 using Test::loggingTask;
 
@@ -174,6 +175,9 @@ TEST_F(SchedulerTest, YieldFollowsTestRatioOrQuantumAndAbortsOutsideARun) {
   root->taskTestYieldRatioIs(0);
   root->virtualTimeIs(true);
   EXPECT_EQ(task->taskShouldYieldMode(), TaskImpl::virtualTime);
+  EXPECT_THAT([&] { task->taskRunFromTest(); },
+              ::testing::Throws<UnimplementedException>(
+                  ::testing::Property(&Exception::message, "No support for virtual timestamps")));
   root->virtualTimeIs(false);
   log.clear();
   task->taskQuantumIs(1s);
@@ -229,6 +233,69 @@ TEST_F(SchedulerTest, HighYieldsToNormalAfterNineRunsLowAndScavengeWaitAndAbsolu
   absolute->scheduleTask();
   root->runUntilIdle();
   EXPECT_EQ(log, std::string(50, 'A') + "L");
+}
+
+TEST_F(SchedulerTest, BumpsWeighEveryWaitingTaskOfBothPriorities) {
+  // Two high tasks always waiting against three, then two, then one normal: the normal turn
+  // comes when 8 * normals * consecutive > 64 * 2.
+  auto again = [] { return true; };
+  auto h1 = loggingTask(root, TaskPriority::high, "H", log, again);
+  auto h2 = loggingTask(root, TaskPriority::high, "H", log, again);
+  std::vector<std::shared_ptr<FnTask>> normals;
+  for (int i = 0; i < 3; ++i) {
+    normals.push_back(loggingTask(root, TaskPriority::normal, "N", log));
+    normals.back()->scheduleTask();
+  }
+  h1->scheduleTask();
+  h2->scheduleTask();
+  root->runUntilIdle(35);
+  EXPECT_EQ(log,
+            std::string(6, 'H') + "N" + std::string(9, 'H') + "N" + std::string(17, 'H') + "N");
+  h1->unscheduleTask();
+  h2->unscheduleTask();
+  root->runUntilIdle();  // a run that finds the queues empty restarts their counts
+
+  // Two normal tasks always waiting against four, three, two lows: waiting(low) * consecutive
+  // > 8 * 2.
+  log.clear();
+  normals[0] = loggingTask(root, TaskPriority::normal, "N", log, again);
+  normals[1] = loggingTask(root, TaskPriority::normal, "N", log, again);
+  std::vector<std::shared_ptr<FnTask>> lows;
+  for (int i = 0; i < 4; ++i) {
+    lows.push_back(loggingTask(root, TaskPriority::low, "L", log));
+    lows.back()->scheduleTask();
+  }
+  normals[0]->scheduleTask();
+  normals[1]->scheduleTask();
+  root->runUntilIdle(23);
+  EXPECT_EQ(log, std::string(5, 'N') + "L" + std::string(6, 'N') + "L" + std::string(9, 'N') + "L");
+  normals[0]->unscheduleTask();
+  normals[1]->unscheduleTask();
+}
+
+TEST_F(SchedulerTest, LatenciesRecordTheLastAndTheLongestWait) {
+  auto now = TaskClock::now();
+  task->scheduleTask();
+  EXPECT_EQ(root->pickOneTask(now + 50ms, TaskPriority::absolute), task.get());
+  EXPECT_GE(task->taskLastSchedulingLatency(), 49ms);
+  EXPECT_LT(task->taskLastSchedulingLatency(), 60ms);
+  task->scheduleTask();
+  task->unscheduleTask();  // leaving the queue unpicked records the wait too
+  EXPECT_LT(task->taskLastSchedulingLatency(), 10ms);
+  EXPECT_GE(task->taskSchedulingLatencyHighWaterMark(), 49ms);
+  TaskStat stat = task->getStats();
+  EXPECT_EQ(stat.taskLastSchedulingLatency(), task->taskLastSchedulingLatency());
+  EXPECT_EQ(stat.taskSchedulingLatencyHighWaterMark(), task->taskSchedulingLatencyHighWaterMark());
+  // The scheduler's own latency runs from the run request to the run.
+  auto before = root->schedulerLatencyHighWaterMark();
+  task->scheduleTask();
+  auto spinUntil = TaskClock::now() + 2ms;
+  while (TaskClock::now() < spinUntil) {
+  }
+  root->runOnce();
+  EXPECT_GE(root->schedulerLatencyHighWaterMark(), std::max(before, nanoseconds(2ms)));
+  task->resetStats();
+  EXPECT_EQ(task->taskSchedulingLatencyHighWaterMark(), 0ns);
 }
 
 TEST_F(SchedulerTest, RunRequestsFollowIdleAndRunnableChangesAndSplitQueuesMergeInOrder) {
@@ -336,6 +403,11 @@ TEST_F(SchedulerTest, MisuseOfTasksCountsPrioritiesThreadsAndRegistryAborts) {
   root->unregisterScheduler(other.get());
   EXPECT_EQ(root->taskGroupCount(), 0u);
   EXPECT_DEATH(root->unregisterScheduler(other.get()), "delete failed for other");
+  // While an auxiliary thread is registered, any thread may use the tree.
+  Platform::auxThreadCountInc();
+  std::thread([&] { task->scheduleTask(); }).join();
+  Platform::auxThreadCountDec();
+  EXPECT_TRUE(task->taskScheduled());
   // The root is built inside the death test's child, where a root made before the fork would
   // stand its check down.
   EXPECT_DEATH(
