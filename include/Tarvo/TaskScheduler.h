@@ -33,12 +33,14 @@
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "Tarvo/ConstStringCache.h"
 #include "Tarvo/IntrusiveBookmarkLinkedList.h"
 #include "Tarvo/IntrusiveLinkedListBase.h"
 #include "Tarvo/SchedulerHistory.h"
+#include "Tarvo/SchedulerStats.h"
 #include "Tarvo/TaskClock.h"
 #include "Tarvo/TaskPriority.h"
 #include "Tarvo/TaskStat.h"
@@ -199,6 +201,7 @@ class TaskImpl : public _TaskBase {
 
  private:
   friend class TaskScheduler;
+  friend class TimerTask;
 
   void handleInitialized();
   __attribute__((visibility("hidden"))) static uint32_t magicNumberAfterRun(const TaskImpl* task);
@@ -288,7 +291,15 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
   TaskScheduler(const TaskScheduler&) = delete;
   TaskScheduler& operator=(const TaskScheduler&) = delete;
 
-  virtual bool resetStatsInProgress() const { return false; }
+  // Whether an incremental statistics reset (resetStats()) is under way.
+  virtual bool resetStatsInProgress() const;
+  // The statistics report of this scheduler (see SchedulerStats.h for the layout): its live
+  // tasks (only those that ran unless `includeNoRuns`; at most `taskLimit` rows), its dead
+  // records when `deadTaskLimit` is not 0, and, when `historyLimit` is not 0, a line saying
+  // that the history is in the root's report. `hideWorkCounts` puts a "." in place of each
+  // work-count figure of the live table. The root's override reports the whole tree.
+  virtual void printStats(std::ostream& os, bool includeNoRuns, bool hideWorkCounts,
+                          unsigned taskLimit, unsigned deadTaskLimit, unsigned historyLimit) const;
   // Asks whoever drives this scheduler for one call of handleSchedulerRun().
   virtual void requestSchedulerRun() = 0;
   // Called when the set of tasks under forced test yield turns empty or non-empty.
@@ -319,6 +330,8 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
     }
   }
   void requestSchedulerRunAndRecord(TaskTimePoint now);
+  // When the last run was requested: the end of the last task run, as a rule.
+  TaskTimePoint lastRunRequestTime() const noexcept { return lastRunRequestTime_; }
   void checkSchedulerLatency();
   nanoseconds schedulerLatencyHighWaterMark() const noexcept {
     return schedulerLatencyHighWaterMark_;
@@ -332,7 +345,27 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
   void tasksPerPriorityDec(TaskPriority priority);
   unsigned deadTasksPerPriority(TaskPriority priority) const;
   void deadTasksPerPriorityInc(TaskPriority priority);
+  // Ends the process with "Priority: <p> count: 0" when no dead task of `priority` is counted.
+  void deadTasksPerPriorityDec(TaskPriority priority);
   size_t registeredTaskCount() const;
+
+  // Per-priority counts of this scheduler: one entry for each priority 0 to 4.
+  TaskSchedulerQueueStats queueStats() const;
+  // The figures of printStats(): live tasks, dead records (when `includeDeadTasks`), the
+  // per-priority counts and the scheduler slip.
+  TaskSchedulerStatsSnapshot statsSnapshot(bool includeNoRuns, bool includeDeadTasks) const;
+  // Resets every statistic at once: each task's counters, the run counts per priority, the
+  // scheduler slip, the dead-task records and dead counts.
+  void clearStats();
+  // Starts an incremental reset (or starts it over): the task "<scheduler name>;ResetStats"
+  // (normal priority) resets tasks in list order, yielding by its own quantum after at least
+  // one task per run; the per-priority figures and dead records are cleared by its last run.
+  // Tasks registered meanwhile start with fresh counters and are not visited.
+  void resetStats();
+  // One run of the incremental reset; called by the reset task.
+  void handleResetStatsTaskRun();
+  // The reset task, once resetStats() has created it (null before).
+  const std::shared_ptr<TaskImpl>& resetStatsTask() const noexcept { return resetStatsTask_; }
 
   nanoseconds defaultTaskQuantum() const noexcept { return defaultTaskQuantum_; }
   // The quantum of tasks created from now on; existing tasks keep theirs. Zero makes their
@@ -370,6 +403,11 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
   // Every registered task, newest first; traverse with front()/next().
   const RegisteredTaskList& registeredTasks() const noexcept { return registeredTasks_; }
 
+ protected:
+  // Destroys the reset task, which does not keep its scheduler alive. A root calls it from
+  // its own destructor, while the root's task hooks still stand.
+  void resetStatsTaskRelease();
+
  private:
   friend class TaskImpl;
 
@@ -380,6 +418,7 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
   __attribute__((visibility("hidden"))) bool lowerPriorityDue(unsigned priority,
                                                               unsigned consecutive) const;
   void schedulerRunnableChanged(bool runnable, const TaskTimePoint& now);
+  void clearStatsCommon();
 
   std::shared_ptr<TaskSchedulerHistory> history_;
   ConstStringRef schedulerName_;
@@ -397,6 +436,9 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
   TaskKey currentTaskKey_;
   std::shared_ptr<_TaskBase> currentTaskRef_;
   std::unordered_set<TaskImpl*> tasksForceYieldInTest_;
+  std::shared_ptr<TaskImpl> resetStatsTask_;
+  // Where the incremental reset resumes; placed only while a reset is under way.
+  RegisteredTaskList::Bookmark resetStatsBookmark_;
 };
 
 // "<name>" of the scheduler for trace lines; "NULL" for a null scheduler.
@@ -418,15 +460,18 @@ class TaskSchedulerRoot : public TaskScheduler {
   virtual void taskDestroyed(TaskImpl&) {}
   virtual void timerCreated(TimerTask&) {}
   virtual void timerDestroyed(TimerTask&) {}
-  // The timer operations of timer tasks: arm (answering false when `restart` is off and an
-  // earlier expiry is already armed), disarm, and read the remaining seconds and the expiry.
-  // A root whose timer tasks are driven by platform timers overrides them; a root without
-  // timers (this class as it stands, TaskSchedulerRootManual) throws UnimplementedException.
+  // The timer operations of timer tasks (see TimerTask.h). timerStart arms the task's timer
+  // for the delay and answers true; with `restart` off it leaves an armed timer that expires
+  // no later than the new delay alone and answers false. timerStop disarms; timerRemaining
+  // answers the seconds left (+infinity when not armed) and timerExpiry the expiry
+  // (TaskTimePoint::max() when not armed). A subclass with timers overrides all five and
+  // calls timerExpired() when a timer expires; this class has none and throws
+  // UnimplementedException.
   virtual bool timerStart(TimerTask& timer, double seconds, bool restart);
   virtual bool timerStart(TimerTask& timer, nanoseconds delay, bool restart);
   virtual void timerStop(TimerTask& timer);
   virtual double timerRemaining(const TimerTask& timer) const;
-  virtual double timerExpiry(const TimerTask& timer) const;
+  virtual TaskTimePoint timerExpiry(const TimerTask& timer) const;
   void handleTaskForceYieldInTest() override {}
 
   // Ends the process with "insert failed for" / "delete failed for" and the scheduler when
@@ -476,8 +521,33 @@ class TaskSchedulerRoot : public TaskScheduler {
   // left on `os` (base, fill, adjustment, width, locale), and that format is kept.
   void printHistory(std::ostream& os, unsigned limit) const;
   void printHistoryStdErr() const;
-  // A pseudo-random percentage (0 to 99) for test hooks.
+  // True while any scheduler of the tree is resetting its statistics.
+  bool resetStatsInProgress() const override;
+  // The report over the whole tree: every scheduler's live tasks (and dead records) in one
+  // table each, the summary summed over the tree (queueStatsRoot()), then the history with
+  // at most `historyLimit` events (none when 0).
+  void printStats(std::ostream& os, bool includeNoRuns, bool hideWorkCounts, unsigned taskLimit,
+                  unsigned deadTaskLimit, unsigned historyLimit) const override;
+  // The tree's report to the standard error stream; by default every task (tasks that never
+  // ran included), all work counts, every dead record and the whole history ring.
+  void printStatsStdErr(bool includeNoRuns = true, bool hideWorkCounts = false,
+                        unsigned taskLimit = statsNoLimit, unsigned deadTaskLimit = statsNoLimit,
+                        unsigned historyLimit = statsNoLimit) const;
+  // statsSnapshot() over the whole tree: every scheduler's records in one vector each (in the
+  // order of registeredSchedulers()), queueStatsRoot() and the largest slip of the tree.
+  TaskSchedulerStatsSnapshot statsSnapshotRoot(bool includeNoRuns, bool includeDeadTasks) const;
+  // The sum of queueStats() over every scheduler of the tree.
+  TaskSchedulerQueueStats queueStatsRoot() const;
+  // A pseudo-random percentage for timer jitter and test hooks: rand_r() on the root's seed
+  // divided by 21474836, so 0 to 100 (100 only for the top 48 results of rand_r()).
   unsigned randomPercent();
+  unsigned randomSeed() const noexcept { return randomSeed_; }
+  // Restarts the root's sequence from `seed`, so that a test sees the same jitter every run.
+  void randomSeedIs(unsigned seed) noexcept { randomSeed_ = seed; }
+
+ protected:
+  // A timer of `timer` has expired: marks it disarmed and schedules the task.
+  void timerExpired(TimerTask& timer);
 
  private:
   void sanityCheckSlow() const;
@@ -496,7 +566,7 @@ class TaskSchedulerRoot : public TaskScheduler {
   bool mainThread_;
   uint8_t taskTestYieldRatio_ = 0;
   nanoseconds minimumTimerDelay_;
-  uint64_t randomState_;
+  unsigned randomSeed_;
 };
 
 // A root driven by its caller instead of an event loop, for unit tests of tasks and for
@@ -510,10 +580,22 @@ class TaskSchedulerRoot : public TaskScheduler {
 //   auto task = std::make_shared<MyTask>(root, Tarvo::TaskPriority::normal, "mine");
 //   task->scheduleTask();
 //   root->runUntilIdle();   // runs `task` (and whatever it schedules) to completion
+//
+// Timer tasks of this root run on a manual clock: it starts at the steady clock's reading at
+// construction and moves only with advanceBy(), so a test of timer-driven code waits for
+// nothing and sees the same sequence every time:
+//
+//   poll->scheduleTaskDelay(std::chrono::seconds(5));
+//   root->advanceBy(std::chrono::seconds(4));   // nothing due yet
+//   root->advanceBy(std::chrono::seconds(1));   // poll runs, at manualTime() + 5 s
+//
+// Timers due at the same instant fire in the order they were armed. The root's random seed
+// starts at a fixed value, so jitter draws the same offsets every run too.
 class TaskSchedulerRootManual : public TaskSchedulerRoot {
  public:
   explicit TaskSchedulerRootManual(const std::string& name,
                                    nanoseconds minimumTimerDelay = nanoseconds(0));
+  ~TaskSchedulerRootManual() override;
 
   void requestSchedulerRun() override;
   // Whether a run has been requested and not yet performed.
@@ -526,9 +608,42 @@ class TaskSchedulerRootManual : public TaskSchedulerRoot {
   // is the one that finds nothing left and marks the scheduler idle.
   uint64_t runUntilIdle(uint64_t maxRuns = UINT64_MAX);
 
+  // The manual clock.
+  TaskTimePoint manualTime() const noexcept { return manualTime_; }
+  // The number of armed timers.
+  size_t timersArmed() const noexcept { return timers_.size(); }
+  // Runs what is runnable, then moves the manual clock forward by `span` (a negative span
+  // counts as zero): the clock steps to each expiry due within the span in turn, the timers
+  // due at that instant fire (in arming order), and what they made runnable runs until
+  // idle; timers armed meanwhile that fall due within the span fire too. Ends with the clock
+  // at the end of the span. Answers the number of timers fired. An exception from a task
+  // passes out with the clock at the instant being processed; calling advanceBy() again
+  // goes on from there. Not for use from inside a task of this root.
+  uint64_t advanceBy(nanoseconds span);
+
+  void timerCreated(TimerTask& timer) override;
+  void timerDestroyed(TimerTask& timer) override;
+  // The seconds form converts to nanoseconds; delays at or below zero (and NaN) expire at
+  // the current manual time, delays beyond the clock's range never.
+  bool timerStart(TimerTask& timer, double seconds, bool restart) override;
+  bool timerStart(TimerTask& timer, nanoseconds delay, bool restart) override;
+  void timerStop(TimerTask& timer) override;
+  double timerRemaining(const TimerTask& timer) const override;
+  TaskTimePoint timerExpiry(const TimerTask& timer) const override;
+
  private:
+  // Armed timers by expiry, then by arming order.
+  using TimerQueue = std::map<std::pair<TaskTimePoint, uint64_t>, TimerTask*>;
+  struct ManualTimer;
+
+  static ManualTimer& record(const TimerTask& timer);
+  void disarm(ManualTimer& record);
+
   bool runPending_ = false;
   uint64_t runRequestCount_ = 0;
+  TaskTimePoint manualTime_;
+  uint64_t armCount_ = 0;
+  TimerQueue timers_;
 };
 
 inline TaskSchedulerRoot* _TaskBase::root() const noexcept {
@@ -552,5 +667,12 @@ inline void TaskSchedulerHistory::insert(const TimePoint& when, TaskSchedulerEve
 
 }  // namespace Tarvo
 
-// The event-loop root and the per-thread roots complete the scheduler API.
+// Task groups, timer tasks, the event-loop root and the per-thread roots complete the
+// scheduler API.
+#include "Tarvo/TaskGroup.h"
 #include "Tarvo/TaskSchedulerRootTarvo.h"
+#include "Tarvo/TimerTask.h"
+
+// Descriptor tasks and the platform controls backed by tasks.
+#include "Tarvo/FileDescriptorTask.h"
+#include "Tarvo/TaskControls.h"
