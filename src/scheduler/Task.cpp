@@ -44,7 +44,8 @@ std::ostream& operator<<(std::ostream& os, const _TaskBase* task) {
 }
 
 std::ostream& operator<<(std::ostream& os, const std::chrono::nanoseconds& d) {
-  return os << d.count() << "ns";
+  // Decimal whatever the stream's base; a width set by the caller applies to the whole text.
+  return os << std::to_string(d.count()) + "ns";
 }
 
 // ---- TaskImpl ----

@@ -137,8 +137,8 @@ TEST(ReportTest, TablesSortTruncateSkipShowDeadRecordsAndPlaceholdersOnACleanStr
 
   os.str("");
   os.width(0);  // still std::hex: the stamp is decimal all the same
-  os << DisplayTaskTimeStamp{TaskTimePoint(1234567ns)};
-  EXPECT_EQ(os.str(), "1234567ns");
+  os << DisplayTaskTimeStamp{TaskTimePoint(1234567ns)} << ' ' << -42ns;
+  EXPECT_EQ(os.str(), "1234567ns -42ns");
 }
 
 TEST(QueueStatsTest, CountsFollowRegistrationRunsAndDeathsAndSumOverTheTree) {
