@@ -1,6 +1,9 @@
 // Task groups and statistics beside their anchors, measured in one binary:
 //   BM_GroupInnerRun      one inner task run inside a group's parent turn (1000 runs of a
 //                         self-rescheduling task per turn, one loop pass per turn), per run
+//   BM_GroupInnerRunThroughLoop  the same on the event-loop root
+//   BM_PlainTaskThroughLoop      for contrast: a plain self-rescheduling task on the event-loop
+//                         root, one loop pass per run, per run
 //   BM_AsioPostChain      anchor: one handler of a Boost.Asio post chain
 //   BM_PrintStatsRoot     the root's report of a tree of 10,000 tasks (half of them ran) into a
 //                         discarding stream; reports the heap peak above the start and bytes
@@ -21,6 +24,7 @@
 #include <streambuf>
 #include <vector>
 
+#include "Tarvo/Platform.h"
 #include "Tarvo/TaskScheduler.h"
 
 namespace {
@@ -92,6 +96,37 @@ void BM_GroupInnerRun(benchmark::State& state) {
                          benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 BENCHMARK(BM_GroupInnerRun);
+
+// The same on the event-loop root: one loop pass per turn of 1000 inner runs.
+void BM_GroupInnerRunThroughLoop(benchmark::State& state) {
+  auto root = Tarvo::schedulerRootTarvoNonShared("bench");
+  auto group = Tarvo::TaskGroupIs("group", TaskPriority::normal, true, root);
+  auto inner = std::make_shared<Repeat>(group, TaskPriority::normal, "inner");
+  for (auto _ : state) {
+    inner->left = kRunsPerTurn;
+    inner->scheduleTask();
+    Tarvo::Platform::doEventLoop();
+  }
+  state.counters["per_inner_run"] =
+      benchmark::Counter(static_cast<double>(state.iterations() * kRunsPerTurn),
+                         benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+BENCHMARK(BM_GroupInnerRunThroughLoop);
+
+// For contrast: a plain task that reschedules itself, one loop pass per run.
+void BM_PlainTaskThroughLoop(benchmark::State& state) {
+  auto root = Tarvo::schedulerRootTarvoNonShared("bench");
+  auto task = std::make_shared<Repeat>(root, TaskPriority::normal, "plain");
+  for (auto _ : state) {
+    task->left = kRunsPerTurn;
+    task->scheduleTask();
+    Tarvo::Platform::doEventLoop();
+  }
+  state.counters["per_run"] =
+      benchmark::Counter(static_cast<double>(state.iterations() * kRunsPerTurn),
+                         benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+BENCHMARK(BM_PlainTaskThroughLoop);
 
 struct PostChain {
   boost::asio::io_context* io;
