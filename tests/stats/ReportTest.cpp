@@ -219,6 +219,15 @@ TEST(ResetStatsTest, IncrementalResetTakesOneStepPerTaskAndClearsQueueFiguresLas
   EXPECT_EQ(root->deadTaskStatForTest("dead").taskDeadCount(), 0u);
   EXPECT_EQ(root->resetStatsTask()->taskWorkCountHighWaterMark().value(), 1u);
 
+  // A group that admits one priority resets through a task of that priority; the root
+  // reports the group's reset as its own.
+  auto strict = TaskGroupIs("strict", P::high, true, root);
+  strict->resetStats();
+  EXPECT_EQ(strict->resetStatsTask()->taskPriority(), P::high);
+  EXPECT_TRUE(root->resetStatsInProgress());
+  root->runUntilIdle();
+  EXPECT_FALSE(root->resetStatsInProgress());
+
   // clearStats resets everything at once.
   tasks[0]->scheduleTask();
   root->runUntilIdle();
