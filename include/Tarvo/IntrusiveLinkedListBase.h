@@ -112,10 +112,10 @@ class ListImpl {
   ListImpl() = default;
   ListImpl(const ListImpl&) = delete;
   ListImpl& operator=(const ListImpl&) = delete;
-  virtual ~ListImpl() = default;
-
-  // Whether a node is a bookmark; never in a plain list.
+  // Whether a node is a bookmark; never in a plain list. Declared before the destructor: its
+  // virtual slot comes first, as in every list class.
   virtual bool isBookmark(const LinkNode&) const { return false; }
+  virtual ~ListImpl() = default;
 
   // Whether the list holds no node.
   bool empty() const { return list_.empty(); }

@@ -52,7 +52,9 @@ class TaskSchedulerRoot;
 class TimerTask;
 
 // Identity, scheduler link, priority, names and busy state shared by every kind of task.
-// Owned through std::shared_ptr; a task keeps its scheduler alive.
+// Owned through std::shared_ptr; a task keeps its scheduler alive. A task that no
+// std::shared_ptr owns cannot be held through its run: the scheduler run that picks it throws
+// std::bad_weak_ptr and drops it (it is no longer queued), and the other tasks run on.
 class _TaskBase : public std::enable_shared_from_this<_TaskBase> {
  public:
   _TaskBase(const _TaskBase&) = delete;
@@ -106,7 +108,9 @@ class _TaskBase : public std::enable_shared_from_this<_TaskBase> {
   bool taskBusy_ = false;
 };
 
-// "<name>@<key>" for trace lines; "NULL" for a null task.
+// "<name>@<key>" for trace lines; "NULL" for a null task. "<count>ns" for a duration. Each
+// is written as one piece of text: the stream's number format does not apply, and a width
+// set by the caller pads the whole text.
 std::ostream& operator<<(std::ostream& os, const _TaskBase* task);
 std::ostream& operator<<(std::ostream& os, const std::chrono::nanoseconds& d);
 
@@ -389,8 +393,10 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
 
   // The quantum new tasks start with.
   nanoseconds defaultTaskQuantum() const noexcept { return defaultTaskQuantum_; }
-  // The quantum of tasks created from now on; existing tasks keep theirs.
-  void defaultTaskQuantumIs(nanoseconds q) noexcept { defaultTaskQuantum_ = q; }
+  // The quantum of tasks created from now on; existing tasks keep theirs. Zero makes their
+  // taskShouldYield() answer true at once and counts no quantum violations. A negative
+  // quantum throws AssertException "Quantum: <q>" and leaves the default as it was.
+  void defaultTaskQuantumIs(nanoseconds q);
 
   // Every priority's movePersistentToTemporary() / moveTemporaryToPersistent(); the queue of a
   // priority.
@@ -542,7 +548,8 @@ class TaskSchedulerRoot : public TaskScheduler {
   // Drops every event.
   void clearHistory();
   // Writes the newest events first, at most `limit` of them, with absolute time stamps and
-  // microseconds before the newest event.
+  // microseconds before the newest event. The layout does not depend on the format the caller
+  // left on `os` (base, fill, adjustment, width, locale), and that format is kept.
   void printHistory(std::ostream& os, unsigned limit) const;
   void printHistoryStdErr() const;
   // Writes the history as Trace Event JSON, which ui.perfetto.dev and chrome://tracing open:
