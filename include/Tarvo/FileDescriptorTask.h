@@ -175,7 +175,8 @@ class FileDescriptorTask : public _TaskBase, private Platform::FdEventHandler {
   bool taskScheduledWritable() const;
   // Totals, decaying averages ((9 * avg + n) / 10 after the first sample) and high-water
   // marks of the counts reported in each direction. The read side's mark is 4294967295 until
-  // its first count; without a write task the write side reads 0.
+  // its first count; a count of 2^32 or more sets it to its low 32 bits (see
+  // TaskImpl::taskWorkCountInc()). Without a write task the write side reads 0.
   uint64_t taskWorkCountReadableTotal() const;
   float taskWorkCountReadableDecayAvg() const;
   uint32_t taskWorkCountReadableHighWaterMark() const;

@@ -123,7 +123,8 @@ class TaskImpl : public _TaskBase {
   // applies the real-time rule before the first run and ends the process after one.
   bool taskShouldYield() const override;
   // Reports `n` units of work done in this run: last count, total, decaying average
-  // ((9 * avg + n) / 10 after the first) and high-water mark.
+  // ((9 * avg + n) / 10 after the first) and high-water mark. A count of 2^32 or more sets
+  // the mark to its low 32 bits, even when that lowers it (4294967295 is kept as 4294967294).
   void taskWorkCountInc(unsigned long long n) override;
   // Reports `n` units of work still waiting, with its high-water mark.
   void taskWorkPendingIs(unsigned n) override;
@@ -220,7 +221,6 @@ class TaskImpl : public _TaskBase {
   uint64_t taskWorkCountLast_ = 0;
   uint64_t taskWorkCountTotal_ = 0;
   float taskWorkCountDecayAvg_ = 0;
-  bool taskWorkCountSampled_ = false;
   TaskMaybeU32 taskWorkCountHighWaterMark_;
   uint32_t taskWorkPending_ = 0;
   TaskMaybeU32 taskWorkPendingHighWaterMark_;

@@ -219,6 +219,16 @@ TEST_F(FdTaskTest, WorkCountsAreKeptPerDirectionThroughTheRunningHook) {
   t->taskWorkCountReadableInc(4294967295u);
   EXPECT_EQ(t->taskWorkCountReadableHighWaterMark(), 4294967294u);
   EXPECT_EQ(t->taskWorkCountReadableTotal(), 23ull + 4294967295ull);
+  // A count of 2^32 or more records its low 32 bits, lowering the mark, also as the first
+  // sample after a reset; low bits of all ones are recorded as 4294967294.
+  t->taskWorkCountReadableInc((1ull << 32) + 9);
+  EXPECT_EQ(t->taskWorkCountReadableHighWaterMark(), 9u);
+  t->taskWorkCountReadableInc((1ull << 33) - 1);
+  EXPECT_EQ(t->taskWorkCountReadableHighWaterMark(), 4294967294u);
+  t->writeTask()->resetStats();
+  t->taskWorkCountWritableInc((1ull << 32) + 5);
+  EXPECT_EQ(t->taskWorkCountWritableHighWaterMark(), 5u);
+  EXPECT_EQ(t->taskWorkCountWritableDecayAvg(), static_cast<float>((1ull << 32) + 5));
   EXPECT_DEATH(t->taskWorkCountInc(1), "called outside the descriptor hooks");
 }
 
