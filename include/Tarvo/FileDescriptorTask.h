@@ -133,9 +133,10 @@ class FileDescriptorTask : public _TaskBase, private Platform::FdEventHandler {
 
   // The watched descriptor, -1 when none.
   int taskWatchFd() const;
-  // Watches `fd` for the directions switched on. Another descriptor than the watched one
-  // first unschedules both sub-tasks: readiness of the old one means nothing any more.
-  // Throws AssertException (and changes nothing) when `fd` is negative or not open.
+  // Watches `fd` for the directions switched on. The watched descriptor (or -1 when none is
+  // watched) changes nothing. Another descriptor first unschedules both sub-tasks: readiness
+  // of the old one means nothing any more. Throws AssertException (and changes nothing) when
+  // another `fd` is negative or not open.
   void taskWatchFdIs(int fd);
   // Stops watching and forgets the descriptor; unschedules both sub-tasks.
   void taskWatchFdDel();

@@ -121,6 +121,7 @@ TEST_F(FdTaskTest, ANewDescriptorDropsPendingRunsTheSameOneKeepsThem) {
 
 TEST_F(FdTaskTest, ANegativeOrClosedDescriptorIsRefusedAndChangesNothing) {
   auto t = task("bad");
+  t->taskWatchFdIs(-1);  // the descriptor already "watched": nothing to refuse
   t->taskWatchFdIs(pair.fd[0]);
   pair.put();
   pumpLoop();
@@ -134,6 +135,15 @@ TEST_F(FdTaskTest, ANegativeOrClosedDescriptorIsRefusedAndChangesNothing) {
                   HasSubstr("cannot watch descriptor " + std::to_string(closed))));
   EXPECT_EQ(t->taskWatchFd(), pair.fd[0]);
   EXPECT_TRUE(t->taskScheduledReadable());
+  // The watched descriptor closed behind the task's back: naming it again changes nothing.
+  SocketPair gone;
+  t->taskWatchFdIs(gone.fd[0]);
+  const int closedWatched = gone.fd[0];
+  close(closedWatched);
+  gone.fd[0] = -1;
+  t->taskWatchFdIs(closedWatched);
+  EXPECT_EQ(t->taskWatchFd(), closedWatched);
+  t->taskWatchFdDel();
 }
 
 TEST_F(FdTaskTest, ReportsForAnotherDescriptorOrAnUnwatchedDirectionEndTheProcess) {
