@@ -460,7 +460,7 @@ class TaskSchedulerRoot : public TaskScheduler {
   // answers the seconds left (+infinity when not armed) and timerExpiry the expiry
   // (TaskTimePoint::max() when not armed). A subclass with timers overrides all five and
   // calls timerExpired() when a timer expires; this class has none and throws
-  // UnimplementedException.
+  // UnimplementedException. The event-loop and manual roots begin each with the thread check.
   virtual bool timerStart(TimerTask& timer, double seconds, bool restart);
   virtual bool timerStart(TimerTask& timer, nanoseconds delay, bool restart);
   virtual void timerStop(TimerTask& timer);
@@ -617,7 +617,8 @@ class TaskSchedulerRootManual : public TaskSchedulerRoot {
   void timerCreated(TimerTask& timer) override;
   void timerDestroyed(TimerTask& timer) override;
   // The seconds form converts to nanoseconds; delays at or below zero (and NaN) expire at
-  // the current manual time, delays beyond the clock's range never.
+  // the current manual time, delays beyond the clock's range never (their remaining time is
+  // +infinity, and not even advanceBy(nanoseconds::max()) fires them).
   bool timerStart(TimerTask& timer, double seconds, bool restart) override;
   bool timerStart(TimerTask& timer, nanoseconds delay, bool restart) override;
   void timerStop(TimerTask& timer) override;
