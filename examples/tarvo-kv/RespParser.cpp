@@ -25,10 +25,15 @@ int hexValue(char c) {
   return -1;
 }
 
-// The text up to the first NUL: the part of the buffer in which line ends are searched.
-std::string_view untilNul(const char* data, size_t size) {
-  const void* nul = std::memchr(data, '\0', size);
-  return std::string_view(data, nul ? static_cast<const char*>(nul) - data : size);
+// Offset of the first `c` in data[0, size), as a C string search would find it: npos when
+// there is none or a NUL comes first.
+size_t findBeforeNul(const char* data, size_t size, char c) {
+  const void* hit = std::memchr(data, c, size);
+  if (hit == nullptr) {
+    return std::string_view::npos;
+  }
+  size_t offset = static_cast<const char*>(hit) - data;
+  return std::memchr(data, '\0', offset) == nullptr ? offset : std::string_view::npos;
 }
 
 }  // namespace
@@ -214,8 +219,8 @@ RespParser::Status RespParser::next(std::vector<std::string>* args) {
 }
 
 RespParser::Status RespParser::nextInline(std::vector<std::string>* args) {
-  std::string_view rest = untilNul(buffer_.data() + pos_, buffer_.size() - pos_);
-  size_t newline = rest.find('\n');
+  std::string_view rest(buffer_.data() + pos_, buffer_.size() - pos_);
+  size_t newline = findBeforeNul(rest.data(), rest.size(), '\n');
   if (newline == std::string_view::npos) {
     if (buffered() > limits_.maxInlineLength) {
       return fail("too big inline request");
@@ -234,8 +239,7 @@ RespParser::Status RespParser::nextInline(std::vector<std::string>* args) {
 }
 
 size_t RespParser::headerEnd(const char* tooBig, Status* status) {
-  std::string_view rest = untilNul(buffer_.data() + pos_, buffer_.size() - pos_);
-  size_t cr = rest.find('\r');
+  size_t cr = findBeforeNul(buffer_.data() + pos_, buffer_.size() - pos_, '\r');
   if (cr == std::string_view::npos) {
     *status = buffered() > limits_.maxInlineLength ? fail(tooBig) : Status::needMore;
     return std::string_view::npos;
