@@ -155,7 +155,7 @@ void KvCommands::get(Context& c) {
   if (entry == nullptr) {
     appendNull(c.out);
   } else {
-    appendBulk(c.out, entry->value);
+    appendBulk(c.out, entry->value());
   }
 }
 
@@ -219,7 +219,7 @@ void KvCommands::set(Context& c) {
     if (existing == nullptr) {
       appendNull(c.out);
     } else {
-      appendBulk(c.out, existing->value);
+      appendBulk(c.out, existing->value());
     }
   }
   if ((flags & nx && existing != nullptr) || (flags & xx && existing == nullptr)) {
@@ -228,10 +228,14 @@ void KvCommands::set(Context& c) {
     }
     return;
   }
-  KvStore::Entry& entry = existing ? *existing : store_.findOrCreate(c.args[1], c.now);
-  entry.value = c.args[2];
+  KvStore::Entry* entry = existing;
+  if (entry != nullptr) {
+    store_.setValue(*entry, c.args[2]);
+  } else {
+    entry = &store_.set(c.args[1], c.args[2], c.now);
+  }
   if (!(flags & keepTtl)) {
-    store_.expireAtIs(entry, expireAt);
+    store_.expireAtIs(*entry, expireAt);
   }
   if (!(flags & get)) {
     c.out->append("+OK\r\n", 5);
@@ -257,7 +261,7 @@ void KvCommands::exists(Context& c) {
 void KvCommands::incrementBy(Context& c, int64_t delta) {
   KvStore::Entry* entry = store_.find(c.args[1], c.now);
   int64_t value = 0;
-  if (entry != nullptr && !parseStrictInt64(entry->value, &value)) {
+  if (entry != nullptr && !parseStrictInt64(entry->value(), &value)) {
     appendError(c.out, kNotInteger);
     return;
   }
@@ -268,9 +272,14 @@ void KvCommands::incrementBy(Context& c, int64_t delta) {
   }
   value += delta;
   // A counter keeps the expiry time of the key it updates.
-  KvStore::Entry& target = entry ? *entry : store_.findOrCreate(c.args[1], c.now);
   char buffer[24];
-  target.value.assign(buffer, std::to_chars(buffer, buffer + sizeof(buffer), value).ptr);
+  std::string_view digits(buffer,
+                          std::to_chars(buffer, buffer + sizeof(buffer), value).ptr - buffer);
+  if (entry != nullptr) {
+    store_.setValue(*entry, digits);
+  } else {
+    store_.set(c.args[1], digits, c.now);
+  }
   appendInteger(c.out, value);
 }
 
@@ -352,10 +361,10 @@ void KvCommands::expireGeneric(Context& c, int64_t unitMs) {
     return;
   }
   // A key without expiry counts as expiring never: later than any time for GT and LT.
-  bool persistent = entry->expireAt == KvStore::noExpiry;
+  bool persistent = entry->expireAt() == KvStore::noExpiry;
   if ((flags & nx && !persistent) || (flags & xx && persistent) ||
-      (flags & gt && (persistent || when <= entry->expireAt)) ||
-      (flags & lt && !persistent && when >= entry->expireAt)) {
+      (flags & gt && (persistent || when <= entry->expireAt())) ||
+      (flags & lt && !persistent && when >= entry->expireAt())) {
     appendInteger(c.out, 0);
     return;
   }
@@ -379,10 +388,10 @@ void KvCommands::timeToLive(Context& c, bool milliseconds) {
   KvStore::Entry* entry = store_.find(c.args[1], c.now);
   if (entry == nullptr) {
     appendInteger(c.out, -2);
-  } else if (entry->expireAt == KvStore::noExpiry) {
+  } else if (entry->expireAt() == KvStore::noExpiry) {
     appendInteger(c.out, -1);
   } else {
-    int64_t left = entry->expireAt - c.now;
+    int64_t left = entry->expireAt() - c.now;
     appendInteger(c.out, milliseconds ? left : (left + 500) / 1000);
   }
 }

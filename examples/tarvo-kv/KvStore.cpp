@@ -1,5 +1,8 @@
 #include "KvStore.h"
 
+#include <cstring>
+#include <functional>
+#include <string>
 #include <vector>
 
 namespace TarvoKv {
@@ -7,86 +10,106 @@ namespace TarvoKv {
 namespace {
 
 bool expired(const KvStore::Entry& entry, int64_t now) {
-  return entry.expireAt != KvStore::noExpiry && entry.expireAt <= now;
+  return entry.expireAt() != KvStore::noExpiry && entry.expireAt() <= now;
 }
 
 }  // namespace
 
-void KvStore::eraseEntry(Map::iterator it) {
-  if (it->second.expireAt != noExpiry) {
-    --volatileCount_;
-  }
-  map_.erase(it);
+KvStore::Entry::Entry(std::string_view key, std::string_view value)
+    : bytes_(new char[key.size() + value.size()]),
+      keyLength_(static_cast<uint32_t>(key.size())),
+      valueLength_(static_cast<uint32_t>(value.size())) {
+  std::memcpy(bytes_.get(), key.data(), key.size());
+  std::memcpy(bytes_.get() + key.size(), value.data(), value.size());
 }
 
-KvStore::Entry* KvStore::find(const std::string& key, int64_t now) {
-  auto it = map_.find(key);
-  if (it == map_.end()) {
+size_t KvStore::Hash::operator()(std::string_view key) const noexcept {
+  return std::hash<std::string_view>()(key);
+}
+
+void KvStore::eraseEntry(Set::iterator it) {
+  if (it->expireAt() != noExpiry) {
+    --volatileCount_;
+  }
+  set_.erase(it);
+}
+
+KvStore::Entry* KvStore::find(std::string_view key, int64_t now) {
+  auto it = set_.find(key);
+  if (it == set_.end()) {
     return nullptr;
   }
-  if (expired(it->second, now)) {
+  if (expired(*it, now)) {
     eraseEntry(it);
     ++expiredCount_;
     return nullptr;
   }
-  return &it->second;
+  return const_cast<Entry*>(&*it);
 }
 
-KvStore::Entry& KvStore::findOrCreate(const std::string& key, int64_t now) {
-  auto [it, inserted] = map_.try_emplace(key);
-  if (!inserted && expired(it->second, now)) {
-    ++expiredCount_;
-    expireAtIs(it->second, noExpiry);
-    it->second.value.clear();
+KvStore::Entry& KvStore::set(std::string_view key, std::string_view value, int64_t now) {
+  if (Entry* entry = find(key, now)) {
+    setValue(*entry, value);
+    return *entry;
   }
-  return it->second;
+  return const_cast<Entry&>(*set_.insert(Entry(key, value)).first);
 }
 
-bool KvStore::erase(const std::string& key, int64_t now) {
+void KvStore::setValue(Entry& entry, std::string_view value) {
+  if (value.size() != entry.valueLength_) {
+    std::unique_ptr<char[]> bytes(new char[entry.keyLength_ + value.size()]);
+    std::memcpy(bytes.get(), entry.bytes_.get(), entry.keyLength_);
+    entry.bytes_ = std::move(bytes);
+    entry.valueLength_ = static_cast<uint32_t>(value.size());
+  }
+  std::memcpy(entry.bytes_.get() + entry.keyLength_, value.data(), value.size());
+}
+
+bool KvStore::erase(std::string_view key, int64_t now) {
   if (find(key, now) == nullptr) {
     return false;
   }
-  eraseEntry(map_.find(key));
+  eraseEntry(set_.find(key));
   return true;
 }
 
 void KvStore::expireAtIs(Entry& entry, int64_t expireAt) {
-  if ((entry.expireAt == noExpiry) != (expireAt == noExpiry)) {
+  if ((entry.expireAt_ == noExpiry) != (expireAt == noExpiry)) {
     if (expireAt == noExpiry) {
       --volatileCount_;
     } else {
       ++volatileCount_;
     }
   }
-  entry.expireAt = expireAt;
+  entry.expireAt_ = expireAt;
 }
 
 void KvStore::clear() {
-  map_.clear();
+  set_.clear();
   volatileCount_ = 0;
   cursor_ = 0;
 }
 
 size_t KvStore::expireSome(int64_t now, size_t buckets) {
-  if (volatileCount_ == 0 || map_.empty()) {
+  if (volatileCount_ == 0 || set_.empty()) {
     return 0;
   }
   // Local iterators cannot erase: collect the expired keys of the slice, then remove them.
   std::vector<std::string> dead;
-  const size_t count = map_.bucket_count();
+  const size_t count = set_.bucket_count();
   for (size_t i = 0; i < buckets && i < count; ++i) {
     if (cursor_ >= count) {
       cursor_ = 0;
     }
-    for (auto it = map_.begin(cursor_); it != map_.end(cursor_); ++it) {
-      if (expired(it->second, now)) {
-        dead.push_back(it->first);
+    for (auto it = set_.begin(cursor_); it != set_.end(cursor_); ++it) {
+      if (expired(*it, now)) {
+        dead.emplace_back(it->key());
       }
     }
     ++cursor_;
   }
   for (const std::string& key : dead) {
-    eraseEntry(map_.find(key));
+    eraseEntry(set_.find(std::string_view(key)));
   }
   expiredCount_ += dead.size();
   return dead.size();
