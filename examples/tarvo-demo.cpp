@@ -1,20 +1,24 @@
 // tarvo-demo: a small agent built on libTarvo. Copy it to start your own.
 //
-// The main thread's root scheduler runs three tasks:
+// The main thread's root scheduler runs three tasks and a task group:
 //   - "crunch"  (low):    a long job (summing 1..N) that works in slices: it checks
 //                         taskShouldYield() and schedules itself again until it is done;
 //   - "ticker"  (normal): a short task that reschedules itself a fixed number of times;
 //   - "warden"  (high):   woken every 2 ms by a platform timer; it suspends "crunch" on one
-//                         wake and resumes it on the next.
+//                         wake and resumes it on the next;
+//   - "conns"   (normal): a task group of four "conn" tasks. The root sees one task,
+//                         "conns;TaskGroup"; each of its turns runs the connections back to
+//                         back within a 1 ms budget.
 // A second thread has its own root and loop and runs its own task, "echo".
-// At the end the demo prints the main thread's scheduling history and per-task figures.
+// At the end two connections close, and the demo prints the main thread's statistics report:
+// per-priority counts, the live tasks (the group's included), the closed connections as dead
+// records, and the last scheduling events.
 //
 // Try it with the trace facility:
 //   TRACE='TarvoDemo/*' ./tarvo-demo                     every level of the demo's trace
 //   TRACE='TaskScheduler/8' ./tarvo-demo                 the scheduler's view of each run
 //   TRACEFORMAT=time,level,func-name ./tarvo-demo        another line prefix
 //   TRACEFILE=/tmp/demo.trace ./tarvo-demo               trace lines into a file
-#include <boost/format.hpp>
 #include <chrono>
 #include <iostream>
 #include <memory>
@@ -105,19 +109,6 @@ class Warden : public Tarvo::Task, public Tarvo::Platform::TimeoutHandler {
   std::shared_ptr<Tarvo::Platform::TimerControl> timer_ = Tarvo::Platform::getTimerControl(this);
 };
 
-void printTaskFigures(const Tarvo::TaskScheduler& scheduler) {
-  std::vector<Tarvo::TaskStat> stats;
-  scheduler.getTaskStats(&stats, true);
-  std::cout << boost::format("%-8s %-9s %6s %12s %14s %10s\n") % "task" % "priority" % "runs" %
-                   "run time us" % "max latency us" % "work";
-  for (const Tarvo::TaskStat& s : stats) {
-    std::cout << boost::format("%-8s %-9s %6u %12.1f %14.1f %10u\n") % s.taskName() %
-                     s.taskPriority() % s.taskRunCount() % (s.taskTotalRunTime().count() / 1e3) %
-                     (s.taskSchedulingLatencyHighWaterMark().count() / 1e3) %
-                     s.taskWorkCountTotal();
-  }
-}
-
 }  // namespace
 
 int main() {
@@ -139,6 +130,14 @@ int main() {
   auto crunch = std::make_shared<Crunch>(root, 20'000'000);
   auto ticker = std::make_shared<Repeater>(root, TaskPriority::normal, "ticker", 50);
   auto warden = std::make_shared<Warden>(root, *crunch);
+  // A subsystem bounded as a whole: one priority and one time budget per turn for all of it.
+  auto conns = Tarvo::TaskGroupIs("conns", TaskPriority::normal, true, root);
+  conns->taskGroupQuantumIs(1ms);
+  std::vector<std::shared_ptr<Repeater>> connections;
+  for (int i = 0; i < 4; ++i) {
+    connections.push_back(std::make_shared<Repeater>(conns, TaskPriority::normal, "conn", 500));
+    connections.back()->scheduleTask();
+  }
   crunch->scheduleTask();
   ticker->scheduleTask();
   warden->start();
@@ -154,9 +153,8 @@ int main() {
             << " ms, interleaved with the other tasks.\n"
             << "Worker thread root " << echoRoot << ": echo ran " << echoRuns << " times.\n";
 
-  std::cout << "\nThe last 12 scheduling events on the main thread (newest first):\n";
-  root->printHistory(std::cout, 12);
-  std::cout << "\nPer-task figures on the main thread:\n";
-  printTaskFigures(*root);
+  connections.resize(2);  // two connections close: their figures move to the dead records
+  std::cout << "\nStatistics report of the main thread's scheduler tree:\n\n";
+  root->printStats(std::cout, true, false, 20, 20, 12);
   return crunch->finished() ? 0 : 1;
 }
