@@ -241,7 +241,7 @@ RespParser::Status RespParser::nextInline(std::vector<std::string>* args) {
 size_t RespParser::headerEnd(const char* tooBig, Status* status) {
   size_t cr = findBeforeNul(buffer_.data() + pos_, buffer_.size() - pos_, '\r');
   if (cr == std::string_view::npos) {
-    *status = buffered() > limits_.maxInlineLength ? fail(tooBig) : Status::needMore;
+    *status = buffered() > limits_.maxHeaderLength ? fail(tooBig) : Status::needMore;
     return std::string_view::npos;
   }
   // The '\r' and the byte after it (normally '\n', never looked at) must both be in.

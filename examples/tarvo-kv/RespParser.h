@@ -32,8 +32,10 @@ namespace TarvoKv {
 struct RespLimits {
   // Longest bulk string accepted ("$<n>" above it is an error).
   size_t maxBulkLength = 512u * 1024 * 1024;
-  // Longest inline line; longer ones (and headers without their '\r' this far) are errors.
+  // Longest inline line; longer ones are errors.
   size_t maxInlineLength = 1024 * 1024;
+  // How far an array or bulk header ("*3", "$5") may go without its '\r'.
+  size_t maxHeaderLength = 64 * 1024;
 };
 
 class RespParser {
@@ -57,7 +59,7 @@ class RespParser {
   Status nextArray(std::vector<std::string>* args);
   Status fail(const char* message);
   // Position of the '\r' ending the header that starts at pos_, or npos while incomplete;
-  // fails with `tooBig` when no '\r' shows up within the inline limit.
+  // fails with `tooBig` when no '\r' shows up within the header limit.
   size_t headerEnd(const char* tooBig, Status* status);
 
   RespLimits limits_;

@@ -127,14 +127,16 @@ TEST(RespParserTest, LimitsBoundRequestsAndWhatIsBuffered) {
   RespLimits limits;
   limits.maxBulkLength = 8;
   limits.maxInlineLength = 16;
+  limits.maxHeaderLength = 12;
   EXPECT_EQ(parseWhole("*1\r\n$8\r\n12345678\r\n", limits).commands,
             (std::vector<Words>{{"12345678"}}));
   EXPECT_EQ(parseWhole("*1\r\n$9\r\n", limits).error, "Protocol error: invalid bulk length");
-  // Lines and headers may wait for their end up to the inline limit, not beyond.
+  // Lines and headers may wait for their end up to their limits, not beyond.
   EXPECT_EQ(parseWhole(std::string(16, 'a'), limits).error, "");
   EXPECT_EQ(parseWhole(std::string(17, 'a'), limits).error,
             "Protocol error: too big inline request");
-  EXPECT_EQ(parseWhole("*" + std::string(16, '1'), limits).error,
+  EXPECT_EQ(parseWhole("*" + std::string(11, '1'), limits).error, "");
+  EXPECT_EQ(parseWhole("*" + std::string(12, '1'), limits).error,
             "Protocol error: too big mbulk count string");
   EXPECT_EQ(parseWhole("*1\r\n$" + std::string(20, '1'), limits).error,
             "Protocol error: too big bulk count string");
