@@ -665,3 +665,7 @@ inline void TaskSchedulerHistory::insert(const TimePoint& when, TaskSchedulerEve
 #include "Tarvo/TaskGroup.h"
 #include "Tarvo/TaskSchedulerRootTarvo.h"
 #include "Tarvo/TimerTask.h"
+
+// Descriptor tasks and the platform controls backed by tasks.
+#include "Tarvo/FileDescriptorTask.h"
+#include "Tarvo/TaskControls.h"
