@@ -248,7 +248,17 @@ def check_idle_timeout(binary):
         stop(process)
 
 
+def sanitized(binary):
+    with open(binary, "rb") as f:
+        return b"__ubsan_handle" in f.read()
+
+
 def check_descriptor_exhaustion(binary):
+    if sanitized(binary):
+        # UBSan probes memory through a pipe before a virtual-call check; with no descriptor
+        # left the probe fails and the check reports a fault that is not there.
+        print("descriptor exhaustion not checked: the binary is built with UBSan")
+        return
     # With 24 descriptors the server runs out after a dozen clients: accept fails, is traced
     # and retried, and the clients kept waiting are served once others leave.
     process, port = start_tarvo(binary, limit_files=24)
