@@ -9,12 +9,17 @@
 # each through redis-cli --pipe and compares the resident memory they added. Prints a table of
 # requests/s with the ratio ours/theirs. Both servers are stopped on exit, however it ends.
 #
-# Environment: KV_BENCH_REQUESTS (default 200000), KV_BENCH_KEYS (default 1000000).
+# The machine may be shared and busy: each workload runs KV_BENCH_ROUNDS times (default 3),
+# alternating between the two servers, and the table shows the medians.
+#
+# Environment: KV_BENCH_REQUESTS (default 200000), KV_BENCH_KEYS (default 1000000),
+# KV_BENCH_ROUNDS (default 3).
 set -eu
 
 BIN=${1:-build/default/examples/tarvo-kv/tarvo-kv}
 REQUESTS=${KV_BENCH_REQUESTS:-200000}
 KEYS=${KV_BENCH_KEYS:-1000000}
+ROUNDS=${KV_BENCH_ROUNDS:-3}
 
 for tool in redis-server redis-cli redis-benchmark python3; do
   command -v "$tool" >/dev/null || { echo "kv-bench: $tool is not installed (scripts/install-deps)" >&2; exit 1; }
@@ -64,14 +69,26 @@ rps() {
     awk -F'"' 'NR > 1 { print $4 }'
 }
 
-echo "tarvo-kv against redis-server $(redis-server --version | sed 's/.*v=\([^ ]*\).*/\1/'), $(nproc) cores, -c 50 -n $REQUESTS"
+median() {
+  tr ' ' '\n' | grep . | sort -n | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'
+}
+
+echo "tarvo-kv against redis-server $(redis-server --version | sed 's/.*v=\([^ ]*\).*/\1/'), $(nproc) cores, -c 50 -n $REQUESTS, median of $ROUNDS alternating runs"
 printf '%-12s %-9s %14s %14s %7s\n' test pipeline redis-server tarvo-kv ratio
 for pipeline in 1 16; do
   for test in ping_inline set get; do
     option=""
     [ "$pipeline" = 1 ] || option="-P $pipeline"
-    theirs=$(rps "$REDIS_PORT" "$test" "$option")
-    ours=$(rps "$TARVO_PORT" "$test" "$option")
+    theirs_all=""
+    ours_all=""
+    round=0
+    while [ $round -lt "$ROUNDS" ]; do
+      theirs_all="$theirs_all $(rps "$REDIS_PORT" "$test" "$option")"
+      ours_all="$ours_all $(rps "$TARVO_PORT" "$test" "$option")"
+      round=$((round + 1))
+    done
+    theirs=$(echo "$theirs_all" | median)
+    ours=$(echo "$ours_all" | median)
     printf '%-12s %-9s %14s %14s %7s\n' "$test" "$pipeline" "$theirs" "$ours" \
       "$(awk -v a="$ours" -v b="$theirs" 'BEGIN { printf "%.2f", a / b }')"
   done
