@@ -37,24 +37,11 @@ class FdTaskTest : public ::testing::Test {
   }
 };
 
-TEST_F(FdTaskTest, NewTaskWatchesReadsOnlyAndMakesItsWriteTaskOnFirstNeed) {
-  auto t = task("sock");
-  EXPECT_TRUE(t->taskWatchReadable() && !t->taskWatchWritable());
-  EXPECT_EQ(t->taskWatchFd(), -1);
-  EXPECT_THAT([&] { t->taskWorkCountWritableInc(1); },
-              ThrowsMessage<AssertException>(
-                  HasSubstr("WriteTask not created by taskWatchWritableIs( true )")));
-  t->taskWatchWritableIs(false);  // unchanged: no write task
-  EXPECT_EQ(root->registeredTaskCount(), 1u);
-  t->taskWatchWritableIs(true);
-  EXPECT_EQ(root->registeredTaskCount(), 2u);
-  EXPECT_EQ(t->readTask()->taskName().str(), "sock:read");
-  EXPECT_EQ(t->writeTask()->taskName().str(), "sock:write");
-}
-
 TEST_F(FdTaskTest, ReadinessQueuesTheReadTaskAndItsHookRunsFromTheQueue) {
   std::string got;
   auto t = task("r", [&](FnFdTask& self) { got += drain(self.taskWatchFd()); });
+  EXPECT_TRUE(t->taskWatchReadable() && !t->taskWatchWritable() && !t->writeTask());
+  EXPECT_EQ(t->taskWatchFd(), -1);
   t->taskWatchFdIs(pair.fd[0]);
   EXPECT_TRUE(fcntl(pair.fd[0], F_GETFL) & O_NONBLOCK);
   pumpLoop();
@@ -215,8 +202,14 @@ TEST_F(FdTaskTest, WorkCountsAreKeptPerDirectionThroughTheRunningHook) {
   EXPECT_FLOAT_EQ(t->taskWorkCountReadableDecayAvg(), 5.7f);
   EXPECT_EQ(t->taskWorkCountReadableHighWaterMark(), 15u);
   EXPECT_EQ(t->taskWorkCountWritableTotal(), 0u);
+  EXPECT_THAT([&] { t->taskWorkCountWritableInc(1); },
+              ThrowsMessage<AssertException>(
+                  HasSubstr("WriteTask not created by taskWatchWritableIs( true )")));
+  t->taskWatchWritableIs(false);  // unchanged: still no write task
+  EXPECT_EQ(root->registeredTaskCount(), 1u);
 
   t->scheduleTaskWritable();
+  EXPECT_EQ(t->writeTask()->taskName().str(), "work:write");
   root->runUntilIdle();
   EXPECT_EQ(t->taskWorkCountWritableTotal(), 7u);
   EXPECT_EQ(t->taskWorkCountWritableHighWaterMark(), 7u);
