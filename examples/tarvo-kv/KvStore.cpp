@@ -16,7 +16,7 @@ bool expired(const KvStore::Entry& entry, int64_t now) {
 }  // namespace
 
 KvStore::Entry::Entry(std::string_view key, std::string_view value)
-    : bytes_(new char[key.size() + value.size()]),
+    : bytes_(std::make_unique_for_overwrite<char[]>(key.size() + value.size())),
       keyLength_(static_cast<uint32_t>(key.size())),
       valueLength_(static_cast<uint32_t>(value.size())) {
   std::memcpy(bytes_.get(), key.data(), key.size());
@@ -57,7 +57,7 @@ KvStore::Entry& KvStore::set(std::string_view key, std::string_view value, int64
 
 void KvStore::setValue(Entry& entry, std::string_view value) {
   if (value.size() != entry.valueLength_) {
-    std::unique_ptr<char[]> bytes(new char[entry.keyLength_ + value.size()]);
+    auto bytes = std::make_unique_for_overwrite<char[]>(entry.keyLength_ + value.size());
     std::memcpy(bytes.get(), entry.bytes_.get(), entry.keyLength_);
     entry.bytes_ = std::move(bytes);
     entry.valueLength_ = static_cast<uint32_t>(value.size());
