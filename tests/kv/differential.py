@@ -176,10 +176,10 @@ def differential(tarvo_port, redis_port):
                  f"closed={ours[1]}, redis-server {theirs[0][:200]!r} closed={theirs[1]}")
     # Expiry under a short PX, seen lazily (GET) and actively (DBSIZE, no access at all).
     for port in (tarvo_port, redis_port):
-        exchange(port, [enc("FLUSHALL") + enc("SET", "short", "v", "PX", "400") +
-                        enc("SET", "unread", "v", "PX", "400")], settle=0.05)
+        exchange(port, [enc("FLUSHALL") + enc("SET", "short", "v", "PX", "1500") +
+                        enc("SET", "unread", "v", "PX", "1500")], settle=0.05)
     early = [redis_cli(p, ["GET short", "EXISTS unread"]) for p in (tarvo_port, redis_port)]
-    time.sleep(1.0)
+    time.sleep(2.0)
     dbsize = [redis_cli(p, ["DBSIZE"]) for p in (tarvo_port, redis_port)]
     late = [redis_cli(p, ["GET short", "PTTL short"]) for p in (tarvo_port, redis_port)]
     for what, pair, expected in (("before expiry", early, ['"v"', "(integer) 1"]),
@@ -299,7 +299,7 @@ def check_sigterm_flushes(binary):
     try:
         with socket.create_connection(("127.0.0.1", port), timeout=10) as s:
             s.sendall(enc("SET", "v", b"x" * 100000) + enc("GET", "v") * 200)
-            time.sleep(0.5)
+            time.sleep(1.0)
             process.send_signal(signal.SIGTERM)
             received = b""
             while True:
