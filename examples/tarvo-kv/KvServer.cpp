@@ -122,7 +122,11 @@ void KvServer::Connection::taskExecuteReadable() {
     if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
       break;
     }
-    // End of stream or a reset: whatever was owed cannot be delivered any more.
+    // End of stream: the replies to what came before it go out as far as the socket takes
+    // them at once. A reset: nothing can be delivered any more.
+    if (n == 0 && !flush()) {
+      return;
+    }
     server_.closeConnection(this);
     return;
   }
