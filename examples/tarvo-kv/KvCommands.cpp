@@ -82,7 +82,7 @@ struct KvCommands::Context {
   After after;
 };
 
-const KvCommands::Spec KvCommands::specs_[] = {
+const KvCommands::CommandInfo KvCommands::table_[] = {
     {"get", 2, &KvCommands::get},        {"set", -3, &KvCommands::set},
     {"ping", -1, &KvCommands::ping},     {"echo", 2, &KvCommands::echo},
     {"del", -2, &KvCommands::del},       {"exists", -2, &KvCommands::exists},
@@ -101,20 +101,20 @@ KvCommands::After KvCommands::execute(const std::vector<std::string>& args, int6
                                       std::string* out) {
   ++commandsProcessed_;
   const std::string& name = args[0];
-  for (const Spec& spec : specs_) {
-    if (!equalsNoCase(name, spec.name)) {
+  for (const CommandInfo& info : table_) {
+    if (!equalsNoCase(name, info.name)) {
       continue;
     }
     int count = args.size() > INT_MAX ? INT_MAX : static_cast<int>(args.size());
-    if ((spec.arity > 0 && count != spec.arity) || (spec.arity < 0 && count < -spec.arity)) {
+    if ((info.arity > 0 && count != info.arity) || (info.arity < 0 && count < -info.arity)) {
       std::string text = "ERR wrong number of arguments for '";
-      text += spec.name;
+      text += info.name;
       text += "' command";
       appendError(out, text);
       return After::proceed;
     }
     Context context{args, now, out, After::proceed};
-    (this->*spec.handler)(context);
+    (this->*info.handler)(context);
     return context.after;
   }
   // Browsers and HTTP proxies talking to the port: nothing of theirs is a command.
@@ -447,7 +447,7 @@ void KvCommands::command(Context& c) {
     // Clients only list commands to learn their shapes; an empty table is a valid answer.
     appendArrayHeader(c.out, 0);
   } else if (equalsNoCase(c.args[1], "count") && c.args.size() == 2) {
-    appendInteger(c.out, static_cast<int64_t>(std::size(specs_)));
+    appendInteger(c.out, static_cast<int64_t>(std::size(table_)));
   } else if (equalsNoCase(c.args[1], "docs")) {
     appendArrayHeader(c.out, 0);
   } else {

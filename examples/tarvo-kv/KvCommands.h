@@ -45,12 +45,12 @@ class KvCommands {
  private:
   struct Context;
   using Handler = void (KvCommands::*)(Context&);
-  struct Spec {
+  struct CommandInfo {
     const char* name;
     int arity;  // exact count when positive, minimum count when negative (name included)
     Handler handler;
   };
-  static const Spec specs_[];
+  static const CommandInfo table_[];
 
   void ping(Context& c);
   void echo(Context& c);
