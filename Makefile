@@ -2,7 +2,7 @@
 # build, then runs the demo agent or every test.
 JOBS ?= 2
 
-.PHONY: all deps build demo test asan-test tsan-test bench format clean
+.PHONY: all deps build demo test asan-test tsan-test bench format clean fuzz stress memcheck
 
 all: build
 
@@ -32,6 +32,15 @@ tsan-test: deps
 # Runs every benchmark program once, briefly, so that they keep working.
 bench: build
 	@for b in build/default/bench/bench_*; do echo "== $$b"; $$b --benchmark_min_time=0.01 || exit 1; done
+
+# Reliability harness (docs/RELIABILITY.md). `make fuzz` builds the libFuzzer targets with
+# clang-14 and ASan+UBSan in build/fuzz and runs each for FUZZ_SECONDS.
+FUZZ_SECONDS ?= 60
+
+fuzz: deps
+	CC=clang-14 CXX=clang++-14 cmake -S tests/fuzz -B build/fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	cmake --build build/fuzz -j $(JOBS)
+	tests/fuzz/run.sh build/fuzz $(FUZZ_SECONDS)
 
 format:
 	clang-format -i $$(git ls-files '*.h' '*.cpp')

@@ -2,7 +2,6 @@
 #include <event2/event.h>
 #include <event2/event_struct.h>
 
-#include <cerrno>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
@@ -14,6 +13,7 @@
 #include "Tarvo/LibeventFactory.h"
 #include "Tarvo/Platform.h"
 #include "platform/LibeventInternal.h"
+#include "util/EnvNumbers.h"
 
 namespace Tarvo {
 namespace {
@@ -321,10 +321,8 @@ double waitForDefaultTimeout() {
     if (text == nullptr) {
       return HUGE_VAL;
     }
-    char* end = nullptr;
-    errno = 0;
-    double parsed = std::strtod(text, &end);
-    if (end == text || errno == ERANGE) {
+    double parsed = HUGE_VAL;
+    if (!Impl::parseWaitForDefault(text, &parsed)) {
       std::cerr << "Parsing the WAITFOR_DEFAULT env. variable failed" << std::flush;
       return HUGE_VAL;
     }
