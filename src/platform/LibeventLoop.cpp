@@ -1,10 +1,14 @@
 // The per-thread event base and the loop forms that run it.
 #include <event2/event.h>
 #include <event2/event_struct.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <mutex>
 
@@ -146,6 +150,31 @@ void installCallbacks() {
   });
 }
 
+// The descriptors a new base makes for itself: the epoll instance, the signal socket pair and
+// the wake-up descriptor.
+constexpr int kBaseDescriptors = 4;
+
+// 0 when `count` descriptors can be opened now, else the errno of the failure. libevent treats
+// a failure to make its own descriptors as fatal: it calls the fatal callback from deep inside
+// event_base_new and leaves what it made open, so running out is caught before that.
+int descriptorsMissing(int count) {
+  int fds[kBaseDescriptors];
+  int opened = 0;
+  int error = 0;
+  while (opened < count) {
+    fds[opened] = ::eventfd(0, EFD_CLOEXEC);
+    if (fds[opened] < 0) {
+      error = errno;
+      break;
+    }
+    ++opened;
+  }
+  while (opened > 0) {
+    ::close(fds[--opened]);
+  }
+  return error;
+}
+
 }  // namespace
 
 Platform::DebugHandler* leDebugHandler() {
@@ -158,6 +187,10 @@ void leInit() {
     return;
   }
   installCallbacks();
+  int error = descriptorsMissing(kBaseDescriptors);
+  if (error != 0) {
+    RuntimeException::throwException(std::string("event_base_new failed: ") + strerror(error));
+  }
   event_base* base = event_base_new();
   if (base == nullptr) {
     RuntimeException::throwException("event_base_new failed");
