@@ -2,6 +2,7 @@
 // (and from their exception hooks), a process out of descriptors, a fork while work is
 // pending, a trace file on a file system that is full or read-only.
 #include <sched.h>
+#include <sys/eventfd.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -177,15 +178,27 @@ TEST(FaultInjection, HookThrowingAfterItsControlWasDestroyedReachesTheLoopCaller
 // a clear exception or -1 for each, and leaves nothing behind; once descriptors are free the
 // same calls succeed. In a child, since the limit is process-wide.
 TEST(FaultInjection, DescriptorExhaustionGivesClearErrorsAndLeavesNothingHalfBuilt) {
+#if defined(__SANITIZE_ADDRESS__)
+  // UBSan proves a vtable readable through a pipe of its own before its dynamic-type check;
+  // with no descriptor left that fails and it reports every virtual call.
+  GTEST_SKIP() << "the sanitizers' checks need descriptors of their own";
+#endif
   ChildResult child = runInChild([] {
     std::ostringstream out;
     std::thread([&] {
+      // Once first, so that the sanitizers' own checks of these paths (which need a pipe of
+      // their own) are done before no descriptor is left.
+      ::close(Util::createAndBindSocket(nullptr, "tarvo-fault-warm"));
       const int before = openFdCount();
       rlimit old{};
       ::getrlimit(RLIMIT_NOFILE, &old);
       rlimit low = old;
-      low.rlim_cur = static_cast<rlim_t>(before);  // the lowest free descriptor is out of range
+      low.rlim_cur = static_cast<rlim_t>(before + 16);
       ::setrlimit(RLIMIT_NOFILE, &low);
+      std::vector<int> taken;  // every descriptor left
+      for (int fd; (fd = ::eventfd(0, EFD_CLOEXEC)) >= 0;) {
+        taken.push_back(fd);
+      }
       struct Noop : Platform::TimeoutHandler {
         void timeout() override {}
       } noop;
@@ -203,6 +216,9 @@ TEST(FaultInjection, DescriptorExhaustionGivesClearErrorsAndLeavesNothingHalfBui
       describe("bind", [&] { Util::createAndBindSocket(nullptr, "tarvo-fault-starved"); });
       int sv[2];
       out << "socketpair:" << ::socketpair(AF_UNIX, SOCK_STREAM, 0, sv) << (errno == EMFILE);
+      for (int fd : taken) {
+        ::close(fd);
+      }
       ::setrlimit(RLIMIT_NOFILE, &old);
       out << " fds:" << (openFdCount() - before);
       out << " root:" << (schedulerRootTarvoIfExists() == nullptr);

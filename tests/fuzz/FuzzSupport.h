@@ -32,14 +32,16 @@ inline Platform::DebugHandler& quietHandler() {
 // A fresh directory for targets that go through the file system, removed with its content at
 // exit. On /dev/shm when there is one: a disk-backed /tmp slows such targets tenfold.
 inline const std::string& scratchDirectory() {
-  static const std::string path = [] {
+  // Never freed: the exit handler that removes the directory runs after static destructors.
+  static const std::string* const path = [] {
     std::string pattern = ::access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
     pattern += "/tarvo-fuzz-XXXXXX";
     FUZZ_CHECK(::mkdtemp(pattern.data()) != nullptr);
+    auto* made = new std::string(pattern);
     std::atexit([] { std::filesystem::remove_all(scratchDirectory()); });
-    return pattern;
+    return made;
   }();
-  return path;
+  return *path;
 }
 
 }  // namespace Tarvo::Fuzz
