@@ -22,6 +22,8 @@ class DirNode : public Debuggable {
  public:
   // Opens `path`. A failure is traced (at 9 for ENOENT, EACCES and ENOTDIR, expected in a
   // tree that changes or is partly unreadable; at 1 otherwise) and leaves the node not open.
+  // A path holding a NUL byte is not opened (EINVAL, traced at 1): the system would open the
+  // shorter path before that byte.
   DirNode(Platform::DebugHandler& h, const std::string& path,
           std::shared_ptr<DirNode> parent = nullptr);
   // Closes the stream; a close failure is traced at 1, never thrown.

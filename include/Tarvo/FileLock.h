@@ -33,7 +33,9 @@ class FileLock : public Debuggable {
  public:
   // The lock file is `directory` + "/" + `filename` (the separator is always inserted), or
   // `filename` alone, relative to the working directory, when `directory` is empty. Nothing
-  // touches the file system here. Throws AssertException when `filename` contains '/'.
+  // touches the file system here. Throws AssertException when `filename` contains '/', or
+  // when `directory` or `filename` holds a NUL byte (the system would read the path only up to
+  // it, so locks of different names would collide).
   FileLock(Platform::DebugHandler& handler, const std::string& directory,
            const std::string& filename);
   // Releases the lock if it is held. In a forked child that inherited a held lock, only the

@@ -33,6 +33,7 @@
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "Tarvo/ConstStringCache.h"
@@ -195,6 +196,7 @@ class TaskImpl : public _TaskBase {
 
  private:
   friend class TaskScheduler;
+  friend class TimerTask;
 
   void handleInitialized();
   __attribute__((visibility("hidden"))) static uint32_t magicNumberAfterRun(const TaskImpl* task);
@@ -412,15 +414,18 @@ class TaskSchedulerRoot : public TaskScheduler {
   virtual void taskDestroyed(TaskImpl&) {}
   virtual void timerCreated(TimerTask&) {}
   virtual void timerDestroyed(TimerTask&) {}
-  // The timer operations of timer tasks: arm (answering false when `restart` is off and an
-  // earlier expiry is already armed), disarm, and read the remaining seconds and the expiry.
-  // A root whose timer tasks are driven by platform timers overrides them; a root without
-  // timers (this class as it stands, TaskSchedulerRootManual) throws UnimplementedException.
+  // The timer operations of timer tasks (see TimerTask.h). timerStart arms the task's timer
+  // for the delay and answers true; with `restart` off it leaves an armed timer that expires
+  // no later than the new delay alone and answers false. timerStop disarms; timerRemaining
+  // answers the seconds left (+infinity when not armed) and timerExpiry the expiry
+  // (TaskTimePoint::max() when not armed). A subclass with timers overrides all five and
+  // calls timerExpired() when a timer expires; this class has none and throws
+  // UnimplementedException.
   virtual bool timerStart(TimerTask& timer, double seconds, bool restart);
   virtual bool timerStart(TimerTask& timer, nanoseconds delay, bool restart);
   virtual void timerStop(TimerTask& timer);
   virtual double timerRemaining(const TimerTask& timer) const;
-  virtual double timerExpiry(const TimerTask& timer) const;
+  virtual TaskTimePoint timerExpiry(const TimerTask& timer) const;
   void handleTaskForceYieldInTest() override {}
 
   // Ends the process with "insert failed for" / "delete failed for" and the scheduler when
@@ -469,8 +474,16 @@ class TaskSchedulerRoot : public TaskScheduler {
   // microseconds before the newest event.
   void printHistory(std::ostream& os, unsigned limit) const;
   void printHistoryStdErr() const;
-  // A pseudo-random percentage (0 to 99) for test hooks.
+  // A pseudo-random percentage for timer jitter and test hooks: rand_r() on the root's seed
+  // divided by 21474836, so 0 to 100 (100 only for the top 48 results of rand_r()).
   unsigned randomPercent();
+  unsigned randomSeed() const noexcept { return randomSeed_; }
+  // Restarts the root's sequence from `seed`, so that a test sees the same jitter every run.
+  void randomSeedIs(unsigned seed) noexcept { randomSeed_ = seed; }
+
+ protected:
+  // A timer of `timer` has expired: marks it disarmed and schedules the task.
+  void timerExpired(TimerTask& timer);
 
  private:
   void sanityCheckSlow() const;
@@ -489,7 +502,7 @@ class TaskSchedulerRoot : public TaskScheduler {
   bool mainThread_;
   uint8_t taskTestYieldRatio_ = 0;
   nanoseconds minimumTimerDelay_;
-  uint64_t randomState_;
+  unsigned randomSeed_;
 };
 
 // A root driven by its caller instead of an event loop, for unit tests of tasks and for
@@ -503,10 +516,22 @@ class TaskSchedulerRoot : public TaskScheduler {
 //   auto task = std::make_shared<MyTask>(root, Tarvo::TaskPriority::normal, "mine");
 //   task->scheduleTask();
 //   root->runUntilIdle();   // runs `task` (and whatever it schedules) to completion
+//
+// Timer tasks of this root run on a manual clock: it starts at the steady clock's reading at
+// construction and moves only with advanceBy(), so a test of timer-driven code waits for
+// nothing and sees the same sequence every time:
+//
+//   poll->scheduleTaskDelay(std::chrono::seconds(5));
+//   root->advanceBy(std::chrono::seconds(4));   // nothing due yet
+//   root->advanceBy(std::chrono::seconds(1));   // poll runs, at manualTime() + 5 s
+//
+// Timers due at the same instant fire in the order they were armed. The root's random seed
+// starts at a fixed value, so jitter draws the same offsets every run too.
 class TaskSchedulerRootManual : public TaskSchedulerRoot {
  public:
   explicit TaskSchedulerRootManual(const std::string& name,
                                    nanoseconds minimumTimerDelay = nanoseconds(0));
+  ~TaskSchedulerRootManual() override;
 
   void requestSchedulerRun() override;
   // Whether a run has been requested and not yet performed.
@@ -519,9 +544,42 @@ class TaskSchedulerRootManual : public TaskSchedulerRoot {
   // is the one that finds nothing left and marks the scheduler idle.
   uint64_t runUntilIdle(uint64_t maxRuns = UINT64_MAX);
 
+  // The manual clock.
+  TaskTimePoint manualTime() const noexcept { return manualTime_; }
+  // The number of armed timers.
+  size_t timersArmed() const noexcept { return timers_.size(); }
+  // Runs what is runnable, then moves the manual clock forward by `span` (a negative span
+  // counts as zero): the clock steps to each expiry due within the span in turn, the timers
+  // due at that instant fire (in arming order), and what they made runnable runs until
+  // idle; timers armed meanwhile that fall due within the span fire too. Ends with the clock
+  // at the end of the span. Answers the number of timers fired. An exception from a task
+  // passes out with the clock at the instant being processed; calling advanceBy() again
+  // goes on from there. Not for use from inside a task of this root.
+  uint64_t advanceBy(nanoseconds span);
+
+  void timerCreated(TimerTask& timer) override;
+  void timerDestroyed(TimerTask& timer) override;
+  // The seconds form converts to nanoseconds; delays at or below zero (and NaN) expire at
+  // the current manual time, delays beyond the clock's range never.
+  bool timerStart(TimerTask& timer, double seconds, bool restart) override;
+  bool timerStart(TimerTask& timer, nanoseconds delay, bool restart) override;
+  void timerStop(TimerTask& timer) override;
+  double timerRemaining(const TimerTask& timer) const override;
+  TaskTimePoint timerExpiry(const TimerTask& timer) const override;
+
  private:
+  // Armed timers by expiry, then by arming order.
+  using TimerQueue = std::map<std::pair<TaskTimePoint, uint64_t>, TimerTask*>;
+  struct ManualTimer;
+
+  static ManualTimer& record(const TimerTask& timer);
+  void disarm(ManualTimer& record);
+
   bool runPending_ = false;
   uint64_t runRequestCount_ = 0;
+  TaskTimePoint manualTime_;
+  uint64_t armCount_ = 0;
+  TimerQueue timers_;
 };
 
 inline TaskSchedulerRoot* _TaskBase::root() const noexcept {
@@ -545,5 +603,6 @@ inline void TaskSchedulerHistory::insert(const TimePoint& when, TaskSchedulerEve
 
 }  // namespace Tarvo
 
-// The event-loop root and the per-thread roots complete the scheduler API.
+// Timer tasks, the event-loop root and the per-thread roots complete the scheduler API.
 #include "Tarvo/TaskSchedulerRootTarvo.h"
+#include "Tarvo/TimerTask.h"

@@ -13,6 +13,12 @@
 // A task that throws from taskExecute() makes the event-loop call throw that exception; the
 // next run is already requested, so the next loop call goes on with the remaining tasks.
 //
+// Timer tasks: each timer task of the tree gets a platform timer control of its own on the
+// thread's event base, made when the task is created and released when it is destroyed. When
+// it expires the task is marked disarmed and joins its run queue. Being ordinary event-base
+// timers, they take part in fast-forward: with Platform::setFastForward(true) a task armed
+// for an hour runs on the next loop pass, with Tarvo::time() an hour later.
+//
 // Threads: a root and its whole tree belong to the thread that created it and run on that
 // thread's event loop; drop the last reference to a root on that thread too (its run timer
 // lives in that thread's event base). Each thread has at most one per-thread root, released
@@ -40,7 +46,23 @@ class TaskSchedulerRootTarvo : public TaskSchedulerRoot, public Platform::Timeou
   // The run timer fired: one scheduler run.
   void timeout() override;
 
+  void timerCreated(TimerTask& timer) override;
+  void timerDestroyed(TimerTask& timer) override;
+  // The seconds form hands the delay to the timer control as it is; the nanosecond form
+  // converts it to seconds first.
+  bool timerStart(TimerTask& timer, double seconds, bool restart) override;
+  bool timerStart(TimerTask& timer, nanoseconds delay, bool restart) override;
+  void timerStop(TimerTask& timer) override;
+  double timerRemaining(const TimerTask& timer) const override;
+  // The steady clock now plus the control's remaining time (which libevent keeps to the
+  // microsecond).
+  TaskTimePoint timerExpiry(const TimerTask& timer) const override;
+
  private:
+  class TimerNotifiee;
+
+  static TimerNotifiee& notifiee(const TimerTask& timer);
+
   std::shared_ptr<Platform::TimerControl> runTimer_;
 };
 

@@ -6,6 +6,11 @@
 //   - operations whose failure leaves the caller unable to go on (fileWrite unless quiet,
 //     getCwd) throw Tarvo::RuntimeException;
 //   - argument faults (trimpath) throw Tarvo::AssertException.
+// A path holding a NUL byte is refused by every function here: the system would act on the
+// shorter path before that byte (fileRemove would delete another file). The function then
+// fails as it does when the system refuses a path, with errno EINVAL, touching nothing;
+// trimpath throws AssertException.
+//
 // Each function traces through the handler it is given (mkpath and trimpath through the
 // library's "TarvoUtil" handler): level 0 for failures that matter, 1 for failures a caller
 // may expect, 5 for normal outcomes, 9 for step-by-step detail. Messages are built only when
@@ -16,6 +21,7 @@
 // mode; another thread creating files at that moment also sees umask 0.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -26,10 +32,20 @@ class DebugHandler;
 
 namespace Util {
 
+// The most fileRead() returns unless told otherwise: 16 MiB, far above the state files and
+// /proc files it is meant for, far below what would exhaust memory.
+inline constexpr size_t kFileReadLimit = size_t{16} << 20;
+
 // The file's content up to, not including, its first NUL byte (so a /proc file whose fields
-// are NUL-separated yields its first field). Empty when it cannot be opened (traced at 5 only
-// when `traceOpenFailure`); on a read error, whatever was read before it (traced at 1).
-std::string fileRead(Platform::DebugHandler& h, const std::string& path, bool traceOpenFailure);
+// are NUL-separated yields its first field); reading stops at that byte, so /dev/zero gives
+// an empty string at once. Empty when it cannot be opened (traced at 5 only when
+// `traceOpenFailure`). On a read error, whatever was read before it (traced at 1). A file
+// (or pipe, or device) holding more than `limit` bytes before any NUL gives its first `limit`
+// bytes, traced at 1 like a read error, with errno set to EFBIG; so a huge or endlessly
+// growing file never exhausts memory or keeps the caller reading forever. Never throws
+// (except std::bad_alloc when even `limit` bytes cannot be allocated).
+std::string fileRead(Platform::DebugHandler& h, const std::string& path, bool traceOpenFailure,
+                     size_t limit = kFileReadLimit);
 
 // Replaces the file's content with one write, creating the file with mode 0666 whatever the
 // umask. On an open, write or close failure throws RuntimeException whose message is
@@ -59,7 +75,10 @@ bool touch(Platform::DebugHandler& h, const std::string& path);
 
 // Creates directory `path` and every missing ancestor with exactly `mode`. 0 on success or
 // when `path` already exists (its mode is left alone); otherwise a negative value with errno
-// set. Never throws.
+// set. A directory found to exist when the walk comes back to it (created meanwhile by
+// another process) is given `mode`; when that chmod is refused the call still succeeds. A
+// "." or ".." component is never chmodded: "/tmp/a/../b" leaves /tmp's mode alone. Never
+// throws.
 int mkpath(const std::string& path, unsigned mode);
 
 // Removes, deepest first, each directory of `absolute` that lies inside its final `trailing`
@@ -67,7 +86,7 @@ int mkpath(const std::string& path, unsigned mode);
 // trailing a/b/c removes c, b and a but never /var/run. A missing directory is skipped.
 // Returns 0, or -1 when a removal failed (those removed before stay removed). Throws
 // AssertException when `absolute` is empty or relative, `trailing` is empty, not shorter
-// than `absolute`, or not its terminal part.
+// than `absolute`, or not its terminal part, and when `absolute` holds a NUL byte.
 int trimpath(const std::string& absolute, const std::string& trailing);
 
 // The current working directory. Throws RuntimeException when the system cannot tell.

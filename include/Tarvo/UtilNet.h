@@ -46,17 +46,20 @@ int socket(Platform::DebugHandler* h, int domain, int type, int protocol);
 // A Unix sequenced-packet socket (made with Util::socket, so in the default namespace) with
 // SO_REUSEADDR, bound to the abstract name `name` (no file is created). The name is unique in
 // its namespace, so this is how one agent among several becomes the writer: the others' bind
-// fails. The address holds the name's bytes up to its first NUL, unpadded; names longer than
-// 107 bytes are cut to their first 107 bytes and the address length passed to bind(2) counts
-// only those. Peers connect with the same rule: length = sizeof(sa_family_t) + 1 + name bytes.
-// Throws AssertException when the socket cannot be made or configured, RuntimeException
+// fails. The address holds the name's bytes, unpadded; names longer than 107 bytes are cut to
+// their first 107 bytes and the address length passed to bind(2) counts only those. Peers
+// connect with the same rule: length = sizeof(sa_family_t) + 1 + name bytes.
+// Throws AssertException, before making anything, when `name` holds a NUL byte (two names
+// differing only after it would otherwise be one), and when the socket cannot be made or
+// configured; RuntimeException
 // ("... bind() failed ... error: Address already in use" when another holds the name) when
 // bind fails; no descriptor is left open on either path.
 int createAndBindSocket(Platform::DebugHandler* h, const std::string& name);
 
 // The address of `symbolName` in the running program's global scope, or null (traced at level
-// 1; the reason is kept for resolveSymError()). Traces a found symbol at level 5. Throws
-// AssertException only when the global scope itself cannot be opened.
+// 1; the reason is kept for resolveSymError()) when it is not found or `symbolName` is null.
+// Traces a found symbol at level 5. Throws AssertException only when the global scope itself
+// cannot be opened.
 void* resolveSym(Platform::DebugHandler* h, const char* symbolName);
 
 // The reason of the calling thread's last failed resolveSym(), or null; reading it clears it.
@@ -68,9 +71,12 @@ const char* resolveSymError();
 // `vptr`. The object file holding the virtual table is loaded here (and stays loaded) and the
 // address translated through both processes' maps. Returns null with the reason in `error`
 // when there is no such mapping, the pointer is too close to its mapping's edges, the file
-// cannot be loaded here, or the type information is not where a virtual table puts it. Never
-// throws on bad input. Reads the other process's maps through PidMappings, so it shares that
-// cache's one-thread-at-a-time rule.
+// cannot be loaded here, the type information is not where a virtual table puts it, or the
+// memory it needs cannot be read (a mapping reaching past the end of its file, for one). Every
+// word and the name are read through the kernel (process_vm_readv), never by touching the
+// memory, so bad input cannot raise SIGSEGV or SIGBUS; a non-null result is a readable,
+// NUL-terminated name inside the object file's mapping. Never throws on bad input. Reads the other
+// process's maps through PidMappings, so it shares that cache's one-thread-at-a-time rule.
 const char* typenameFromVptr(int otherPid, const void* vptr, std::string& error);
 
 }  // namespace Util

@@ -155,15 +155,17 @@ LibeventTimerControl::~LibeventTimerControl() = default;
 void LibeventTimerControl::setTimeout(double seconds) {
   timeval delay;
   bool finite = leSplitSeconds(seconds, &delay);
-  delTimeout();
   TARVO_TRACE(traceHandler, 9,
               "Timer " << static_cast<const void*>(this) << " set timeout " << seconds);
-  // The event was assigned to the thread's base at construction, and that base outlives
-  // every control of the thread, so it is simply added again.
-  if (finite) {
-    addEvent(timer_.get(), &delay);
-    armed_ = true;
+  if (!finite) {
+    delTimeout();
+    return;
   }
+  // The event was assigned to the thread's base at construction, and that base outlives
+  // every control of the thread, so it is simply added again. Adding a pending (or fired,
+  // not yet delivered) event replaces its expiry in one step, without a removal first.
+  addEvent(timer_.get(), &delay);
+  armed_ = true;
 }
 
 void LibeventTimerControl::delTimeout() {

@@ -343,7 +343,9 @@ void TaskImpl::taskDoRun(const TaskTimePoint& start, TaskTimePoint* end) {
   }
   taskRunTimeTotal_ += elapsed;
   taskHistoryInsert(*end, TaskSchedulerEventType::runEnd);
-  taskBusyIs(taskRunQueueLink_.isLinked(), *end);
+  // taskScheduled() rather than the run-queue link: a timer task that re-armed its timer
+  // during the run stays busy.
+  taskBusyIs(taskScheduled(), *end);
 }
 
 void TaskImpl::taskRunFromTest() {

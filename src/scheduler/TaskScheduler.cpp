@@ -24,7 +24,7 @@ void TaskScheduler::TaskRunQueues::TaskRunQueue::movePersistentToTemporary() {
   if (!temporary.empty()) {
     debugAndThrowAssertException(&schedulerTrace(), 1,
                                  "The temporary run queue should always be empty at this point",
-                                 __FILE__, "movePersistentToTemporary", __LINE__);
+                                 "TaskScheduler", "movePersistentToTemporary", __LINE__);
   }
   temporary.spliceBack(persistent);
   current = &temporary;
@@ -35,7 +35,7 @@ void TaskScheduler::TaskRunQueues::TaskRunQueue::moveTemporaryToPersistent() {
   if (!temporary.empty()) {
     debugAndThrowAssertException(&schedulerTrace(), 1,
                                  "The temporary run queue should always be empty at this point",
-                                 __FILE__, "moveTemporaryToPersistent", __LINE__);
+                                 "TaskScheduler", "moveTemporaryToPersistent", __LINE__);
   }
   current = &persistent;
 }

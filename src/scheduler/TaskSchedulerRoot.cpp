@@ -1,6 +1,9 @@
 #include <unistd.h>
 
+#include <cmath>
+#include <cstdlib>
 #include <iostream>
+#include <optional>
 
 #include "Tarvo/Exception.h"
 #include "Tarvo/Platform.h"
@@ -18,7 +21,8 @@ TaskSchedulerRoot::TaskSchedulerRoot(const std::string& name, nanoseconds minimu
       pid_(getpid()),
       mainThread_(Platform::isMainThread()),
       minimumTimerDelay_(minimumTimerDelay),
-      randomState_(reinterpret_cast<uintptr_t>(this) ^ 0x9e3779b97f4a7c15ull) {
+      randomSeed_(static_cast<unsigned>(processClockNow().time_since_epoch().count() ^
+                                        reinterpret_cast<uintptr_t>(this))) {
   if (pthread_getname_np(thread_, threadName_, sizeof threadName_) != 0) {
     threadName_[0] = '\0';
   }
@@ -161,7 +165,7 @@ void TaskSchedulerRoot::timerStop(TimerTask&) {
 double TaskSchedulerRoot::timerRemaining(const TimerTask&) const {
   noTimers("timerRemaining");
 }
-double TaskSchedulerRoot::timerExpiry(const TimerTask&) const {
+TaskTimePoint TaskSchedulerRoot::timerExpiry(const TimerTask&) const {
   noTimers("timerExpiry");
 }
 
@@ -183,18 +187,23 @@ void TaskSchedulerRoot::printHistoryStdErr() const {
 }
 
 unsigned TaskSchedulerRoot::randomPercent() {
-  // xorshift64*: cheap and good enough to spread test hooks.
-  randomState_ ^= randomState_ >> 12;
-  randomState_ ^= randomState_ << 25;
-  randomState_ ^= randomState_ >> 27;
-  return static_cast<unsigned>((randomState_ * 0x2545f4914f6cdd1dull) >> 32) % 100;
+  return static_cast<unsigned>(rand_r(&randomSeed_)) / 21474836u;
 }
 
 // ---- TaskSchedulerRootManual ----
 
+// The manual root's record of a timer task: where it sits in the queue of armed timers.
+struct TaskSchedulerRootManual::ManualTimer : TimerTask::TimerRecord {
+  std::optional<TimerQueue::iterator> armed;
+};
+
 TaskSchedulerRootManual::TaskSchedulerRootManual(const std::string& name,
                                                  nanoseconds minimumTimerDelay)
-    : TaskSchedulerRoot(name, minimumTimerDelay) {}
+    : TaskSchedulerRoot(name, minimumTimerDelay), manualTime_(processClockNow()) {
+  randomSeedIs(1);
+}
+
+TaskSchedulerRootManual::~TaskSchedulerRootManual() = default;
 
 void TaskSchedulerRootManual::requestSchedulerRun() {
   ++runRequestCount_;
@@ -216,6 +225,92 @@ uint64_t TaskSchedulerRootManual::runUntilIdle(uint64_t maxRuns) {
     ++runs;
   }
   return runs;
+}
+
+TaskSchedulerRootManual::ManualTimer& TaskSchedulerRootManual::record(const TimerTask& timer) {
+  return *static_cast<ManualTimer*>(timer.timerRecord());
+}
+
+void TaskSchedulerRootManual::disarm(ManualTimer& record) {
+  if (record.armed) {
+    timers_.erase(*record.armed);
+    record.armed.reset();
+  }
+}
+
+void TaskSchedulerRootManual::timerCreated(TimerTask& timer) {
+  timer.timerRecordIs(std::make_unique<ManualTimer>());
+}
+
+void TaskSchedulerRootManual::timerDestroyed(TimerTask& timer) {
+  disarm(record(timer));
+  timer.timerRecordIs(nullptr);
+}
+
+bool TaskSchedulerRootManual::timerStart(TimerTask& timer, double seconds, bool restart) {
+  nanoseconds delay(0);
+  if (seconds >= static_cast<double>(nanoseconds::max().count()) / 1e9) {
+    delay = nanoseconds::max();
+  } else if (seconds > 0) {
+    delay = std::chrono::duration_cast<nanoseconds>(std::chrono::duration<double>(seconds));
+  }
+  return timerStart(timer, delay, restart);
+}
+
+bool TaskSchedulerRootManual::timerStart(TimerTask& timer, nanoseconds delay, bool restart) {
+  sanityCheckCurrentRunningThread();
+  const nanoseconds room = TaskTimePoint::max() - manualTime_;
+  TaskTimePoint expiry = delay <= nanoseconds(0) ? manualTime_
+                         : delay >= room         ? TaskTimePoint::max()
+                                                 : manualTime_ + delay;
+  ManualTimer& rec = record(timer);
+  if (!restart && rec.armed && (*rec.armed)->first.first <= expiry) {
+    return false;
+  }
+  disarm(rec);
+  rec.armed = timers_.emplace(std::make_pair(expiry, armCount_++), &timer).first;
+  return true;
+}
+
+void TaskSchedulerRootManual::timerStop(TimerTask& timer) {
+  disarm(record(timer));
+}
+
+double TaskSchedulerRootManual::timerRemaining(const TimerTask& timer) const {
+  const ManualTimer& rec = record(timer);
+  if (!rec.armed) {
+    return HUGE_VAL;
+  }
+  return std::chrono::duration<double>((*rec.armed)->first.first - manualTime_).count();
+}
+
+TaskTimePoint TaskSchedulerRootManual::timerExpiry(const TimerTask& timer) const {
+  const ManualTimer& rec = record(timer);
+  return rec.armed ? (*rec.armed)->first.first : TaskTimePoint::max();
+}
+
+uint64_t TaskSchedulerRootManual::advanceBy(nanoseconds span) {
+  runUntilIdle();
+  const nanoseconds room = TaskTimePoint::max() - manualTime_;
+  const TaskTimePoint end = span <= nanoseconds(0) ? manualTime_
+                            : span >= room         ? TaskTimePoint::max()
+                                                   : manualTime_ + span;
+  uint64_t fired = 0;
+  while (!timers_.empty() && timers_.begin()->first.first <= end) {
+    const TaskTimePoint instant = timers_.begin()->first.first;
+    manualTime_ = instant;
+    // Every timer due at this instant fires before anything runs, as in one pass of an
+    // event loop; a timer armed by a run at this same instant fires in the next round.
+    while (!timers_.empty() && timers_.begin()->first.first == instant) {
+      TimerTask* timer = timers_.begin()->second;
+      disarm(record(*timer));
+      ++fired;
+      timerExpired(*timer);
+    }
+    runUntilIdle();
+  }
+  manualTime_ = end;
+  return fired;
 }
 
 }  // namespace Tarvo

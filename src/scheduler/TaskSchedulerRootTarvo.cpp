@@ -3,12 +3,14 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <cfloat>
 #include <optional>
 #include <string>
 
 #include "Tarvo/Exception.h"
 #include "Tarvo/Platform.h"
 #include "platform/LibeventInternal.h"
+#include "platform/ProcessClock.h"
 #include "scheduler/SchedulerTrace.h"
 
 namespace Tarvo {
@@ -32,6 +34,67 @@ void TaskSchedulerRootTarvo::timeout() {
     // throws it once the loop has returned, as for any exception a handler lets through.
     leParkException(std::current_exception());
   }
+}
+
+// One timer task's platform timer: expiry marks the task disarmed and schedules it.
+class TaskSchedulerRootTarvo::TimerNotifiee : public TimerTask::TimerRecord,
+                                              public Platform::TimeoutHandler {
+ public:
+  TimerNotifiee(TaskSchedulerRootTarvo* root, TimerTask* timer)
+      : control_(Platform::getTimerControl(this)), root_(root), timer_(timer) {
+    control_->delTimeout();
+  }
+
+  void timeout() override { root_->timerExpired(*timer_); }
+
+  Platform::TimerControl& control() const noexcept { return *control_; }
+
+ private:
+  std::shared_ptr<Platform::TimerControl> control_;
+  TaskSchedulerRootTarvo* root_;
+  TimerTask* timer_;
+};
+
+TaskSchedulerRootTarvo::TimerNotifiee& TaskSchedulerRootTarvo::notifiee(const TimerTask& timer) {
+  return *static_cast<TimerNotifiee*>(timer.timerRecord());
+}
+
+void TaskSchedulerRootTarvo::timerCreated(TimerTask& timer) {
+  timer.timerRecordIs(std::make_unique<TimerNotifiee>(this, &timer));
+}
+
+void TaskSchedulerRootTarvo::timerDestroyed(TimerTask& timer) {
+  timer.timerRecordIs(nullptr);
+}
+
+bool TaskSchedulerRootTarvo::timerStart(TimerTask& timer, double seconds, bool restart) {
+  Platform::TimerControl& control = notifiee(timer).control();
+  if (!restart && !(seconds < control.remainingTimeout())) {
+    return false;
+  }
+  control.setTimeout(seconds);
+  return true;
+}
+
+bool TaskSchedulerRootTarvo::timerStart(TimerTask& timer, nanoseconds delay, bool restart) {
+  return TaskSchedulerRootTarvo::timerStart(timer, static_cast<double>(delay.count()) / 1e9,
+                                            restart);
+}
+
+void TaskSchedulerRootTarvo::timerStop(TimerTask& timer) {
+  notifiee(timer).control().delTimeout();
+}
+
+double TaskSchedulerRootTarvo::timerRemaining(const TimerTask& timer) const {
+  return notifiee(timer).control().remainingTimeout();
+}
+
+TaskTimePoint TaskSchedulerRootTarvo::timerExpiry(const TimerTask& timer) const {
+  double remaining = notifiee(timer).control().remainingTimeout();
+  if (remaining > DBL_MAX) {
+    return TaskTimePoint::max();
+  }
+  return processClockNow() + nanoseconds(static_cast<int64_t>(remaining * 1e9));
 }
 
 namespace {

@@ -94,7 +94,7 @@ void DebugHandler::enabledIs(unsigned level, bool on) {
   if (levelsPtr_ != &levels_) {
     debugAndThrowAssertException(nullptr, 0,
                                  "Cannot use this with a non-null levelsPtr passed to constructor",
-                                 __FILE__, __func__, __LINE__);
+                                 "Debug", __func__, __LINE__);
   }
   const uint32_t bit = 1u << (level % 32);
   if (on) {
@@ -354,7 +354,7 @@ void setupTarvoDebug(const char* spec) {
 void clearTarvoDebug(const char* spec) {
   Zel::ensureTraceLoaded();
   if (spec == nullptr) {
-    debugAndThrowAssertException(nullptr, 0, "clearTarvoDebug() needs a spec", __FILE__, __func__,
+    debugAndThrowAssertException(nullptr, 0, "clearTarvoDebug() needs a spec", "Debug", __func__,
                                  __LINE__);
   }
   LocoGuard guard;

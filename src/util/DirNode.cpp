@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "Tarvo/Exception.h"
+#include "util/NulCheck.h"
 
 namespace Tarvo {
 
@@ -33,7 +34,7 @@ void DirNode::openDir() {
     }
     dir_ = nullptr;
   }
-  dir_ = ::opendir(path_.c_str());
+  dir_ = Util::Impl::refusesNul(path_) ? nullptr : ::opendir(path_.c_str());
   if (dir_ == nullptr) {
     int err = errno;
     // Entries vanish and some are unreadable while a live tree such as /proc is walked.

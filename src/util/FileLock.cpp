@@ -5,9 +5,11 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "Tarvo/Exception.h"
 #include "Tarvo/UtilFiles.h"
+#include "util/NulCheck.h"
 
 namespace Tarvo {
 
@@ -39,6 +41,16 @@ struct flock wholeFileRecord(short type) {
 FileLock::FileLock(Platform::DebugHandler& handler, const std::string& directory,
                    const std::string& filename)
     : Debuggable(handler), directory_(directory) {
+  // The path ends at a NUL byte for the system: two names differing only after one would be
+  // one lock.
+  for (const auto& [what, text] : {std::pair{"directory", &directory}, {"filename", &filename}}) {
+    if (Util::Impl::holdsNul(*text)) {
+      Platform::DebugStream message;
+      message << "Tarvo::FileLock::FileLock() unexpected NUL byte in " << what << ": "
+              << Util::Impl::shownNul(*text);
+      debugAndThrowAssertException(debugHandler(), 0, message, "FileLock", "FileLock", __LINE__);
+    }
+  }
   if (filename.find('/') != std::string::npos) {
     Platform::DebugStream message;
     message << "Tarvo::FileLock::FileLock() unexpected '/' in filename: " << filename;

@@ -4,11 +4,13 @@
 
 #include <cerrno>
 #include <cstring>
+#include <string_view>
 #include <vector>
 
 #include "Tarvo/Debug.h"
 #include "Tarvo/Exception.h"
 #include "Tarvo/UtilFiles.h"
+#include "util/NulCheck.h"
 #include "util/PathPlan.h"
 #include "util/UtilTrace.h"
 
@@ -31,6 +33,9 @@ int mkpathWithZeroUmask(const std::string& path, unsigned mode) {
   TARVO_TRACE(
       Impl::utilTrace(), 9,
       "Util::mkpath() creating path: " << path << " mode: " << std::oct << mode << std::dec);
+  if (Impl::refusesNul(path)) {
+    return -1;
+  }
   int rc = ::mkdir(path.c_str(), mode);
   if (rc == 0 || errno == EEXIST) {
     return 0;
@@ -52,8 +57,15 @@ int mkpathWithZeroUmask(const std::string& path, unsigned mode) {
   if (rc != 0 && errno != EEXIST) {
     return rc;
   }
-  // Another process may have created it meanwhile with its own mode.
-  return ::chmod(path.c_str(), mode) == 0 ? 0 : -1;
+  // Another process may have created it meanwhile with its own mode. A "." or ".." component
+  // names a directory the walk has already dealt with (the parent itself, or one above it that
+  // existed before), never one to change. The directory exists either way, so a refused chmod
+  // does not fail the call.
+  std::string_view last = std::string_view(path).substr(slash + 1);
+  if (last != "." && last != "..") {
+    ::chmod(path.c_str(), mode);
+  }
+  return 0;
 }
 
 void trimpathCheck(bool ok, const char* message, int line) {
@@ -64,8 +76,9 @@ void trimpathCheck(bool ok, const char* message, int line) {
 
 }  // namespace
 
-std::string fileRead(Platform::DebugHandler& h, const std::string& path, bool traceOpenFailure) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+std::string fileRead(Platform::DebugHandler& h, const std::string& path, bool traceOpenFailure,
+                     size_t limit) {
+  int fd = Impl::refusesNul(path) ? -1 : ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
     if (traceOpenFailure) {
       TARVO_TRACE(h, 5, "Util::fileRead() unable to open file " << path);
@@ -74,11 +87,25 @@ std::string fileRead(Platform::DebugHandler& h, const std::string& path, bool tr
   }
   std::string content;
   bool failed = false;
+  bool tooLong = false;
   char buffer[4096];
+  // Nothing after the first NUL byte is kept, so reading stops there; and at `limit` bytes, for
+  // which one more byte is read to tell a file of exactly `limit` bytes from a longer one.
   for (;;) {
-    ssize_t n = ::read(fd, buffer, sizeof buffer);
+    size_t room = limit - content.size();
+    ssize_t n = ::read(fd, buffer, room < sizeof buffer ? room + 1 : sizeof buffer);
     if (n > 0) {
-      content.append(buffer, static_cast<size_t>(n));
+      size_t got = static_cast<size_t>(n);
+      auto* nul = static_cast<const char*>(std::memchr(buffer, '\0', got));
+      content.append(buffer, nul != nullptr ? static_cast<size_t>(nul - buffer) : got);
+      if (nul != nullptr) {
+        break;
+      }
+      if (content.size() > limit) {
+        content.resize(limit);
+        tooLong = true;
+        break;
+      }
     } else if (n == 0) {
       break;
     } else if (errno != EINTR) {
@@ -86,13 +113,16 @@ std::string fileRead(Platform::DebugHandler& h, const std::string& path, bool tr
       break;
     }
   }
+  int err = errno;
   ::close(fd);
-  size_t nul = content.find('\0');
-  if (nul != std::string::npos) {
-    content.resize(nul);
-  }
-  if (failed) {
+  if (tooLong) {
+    TARVO_TRACE(h, 1,
+                "Util::fileRead() " << path << " holds more than the limit of " << limit
+                                    << " bytes; returning its first " << limit);
+    errno = EFBIG;
+  } else if (failed) {
     TARVO_TRACE(h, 1, "Util::fileRead() failed to read from " << path);
+    errno = err;
   } else {
     TARVO_TRACE(h, 5, "Util::fileRead() read " << path << " '" << content << "'");
   }
@@ -104,7 +134,9 @@ void fileWrite(Platform::DebugHandler& h, const std::string& path, const std::st
   int fd;
   {
     ZeroUmask zeroUmask;
-    fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    fd = Impl::refusesNul(path)
+             ? -1
+             : ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
   }
   bool failed = false;
   if (fd < 0) {
@@ -137,13 +169,13 @@ void fileWrite(Platform::DebugHandler& h, const std::string& path, const std::st
 
 bool fileExists(Platform::DebugHandler& h, const std::string& path) {
   struct stat st;
-  int rc = ::stat(path.c_str(), &st);
+  int rc = Impl::refusesNul(path) ? -1 : ::stat(path.c_str(), &st);
   TARVO_TRACE(h, 5, "Util::fileExists() checking if " << path << " exists, stat result: " << rc);
   return rc == 0;
 }
 
 bool fileRemove(Platform::DebugHandler& h, const std::string& path) {
-  if (::unlink(path.c_str()) == 0) {
+  if (!Impl::refusesNul(path) && ::unlink(path.c_str()) == 0) {
     TARVO_TRACE(h, 5, "Util::fileRemove() removed file " << path);
     return true;
   }
@@ -157,7 +189,7 @@ bool fileRemove(Platform::DebugHandler& h, const std::string& path) {
 
 uint64_t fileSize(Platform::DebugHandler& h, const std::string& path) {
   struct stat st;
-  if (::stat(path.c_str(), &st) != 0) {
+  if (Impl::refusesNul(path) || ::stat(path.c_str(), &st) != 0) {
     int err = errno;
     TARVO_TRACE(h, 5, "Util::fileSize() unable to stat file " << path << ": " << strerror(err));
     return 0;
@@ -176,7 +208,7 @@ uint64_t fileSize(Platform::DebugHandler& h, int fd) {
 }
 
 int truncate(Platform::DebugHandler& h, const std::string& path, int fd, unsigned length) {
-  int rc = ::ftruncate(fd, static_cast<off_t>(length));
+  int rc = Impl::refusesNul(path) ? -1 : ::ftruncate(fd, static_cast<off_t>(length));
   if (rc != 0) {
     int err = errno;
     TARVO_TRACE(h, 0,
@@ -188,7 +220,9 @@ int truncate(Platform::DebugHandler& h, const std::string& path, int fd, unsigne
 
 bool touch(Platform::DebugHandler& h, const std::string& path) {
   ZeroUmask zeroUmask;
-  int fd = ::open(path.c_str(), O_RDONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+  int fd = Impl::refusesNul(path)
+               ? -1
+               : ::open(path.c_str(), O_RDONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
   if (fd < 0) {
     int err = errno;
     TARVO_TRACE(h, 0, "Util::touch() unable to open " << path << " reason: " << strerror(err));
@@ -219,6 +253,7 @@ std::vector<std::string> trimpathDirectories(const std::string& absolute,
   size_t base = absolute.size() - trailing.size();
   trimpathCheck(absolute.compare(base, std::string::npos, trailing) == 0,
                 "trailing path is not a terminal substring of absolute path", __LINE__);
+  trimpathCheck(!Impl::holdsNul(absolute), "absolute path holds a NUL byte", __LINE__);
   std::vector<std::string> directories{absolute};
   for (;;) {
     size_t pos = directories.back().rfind('/');

@@ -10,7 +10,7 @@ namespace Tarvo::Util::Impl {
 // The directories trimpath(absolute, trailing) removes, deepest first: `absolute`, then each
 // ancestor obtained by cutting at the last '/' while that '/' lies inside the `trailing` part.
 // Throws AssertException, as trimpath does, when `absolute` is empty or relative, `trailing`
-// is empty, not shorter than `absolute`, or not its terminal part.
+// is empty, not shorter than `absolute`, or not its terminal part, or `absolute` holds a NUL.
 std::vector<std::string> trimpathDirectories(const std::string& absolute,
                                              const std::string& trailing);
 

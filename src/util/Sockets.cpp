@@ -13,6 +13,7 @@
 #include "Tarvo/DisplayPointer.h"
 #include "Tarvo/Exception.h"
 #include "Tarvo/UtilNet.h"
+#include "util/NulCheck.h"
 #include "util/UtilTrace.h"
 
 namespace Tarvo::Util {
@@ -96,19 +97,25 @@ int socket(Platform::DebugHandler* h, int domain, int type, int protocol) {
 
 int createAndBindSocket(Platform::DebugHandler* h, const std::string& name) {
   Platform::DebugHandler& trace = Impl::traceHandler(h);
+  if (Impl::holdsNul(name)) {
+    debugAndThrowAssertException(
+        &trace, 1,
+        "WriterLock::createAndBindSocket() unexpected NUL byte in name: " + Impl::shownNul(name),
+        "Util", __func__, __LINE__);
+  }
   OwnedFd sd(Util::socket(h, AF_UNIX, SOCK_SEQPACKET, 0));
   if (sd.get() < 0) {
     debugAndThrowAssertException(
         &trace, 1,
         "WriterLock::createAndBindSocket() socket() failed: " + std::string(strerror(errno)),
-        __FILE__, __func__, __LINE__);
+        "Util", __func__, __LINE__);
   }
   int on = 1;
   if (::setsockopt(sd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0) {
     debugAndThrowAssertException(
         &trace, 1,
         "WriterLock::createAndBindSocket() setsockopt() failed: " + std::string(strerror(errno)),
-        __FILE__, __func__, __LINE__);
+        "Util", __func__, __LINE__);
   }
 
   // Abstract address: a leading zero byte, then the name's bytes, unpadded. sun_path has room
@@ -116,8 +123,8 @@ int createAndBindSocket(Platform::DebugHandler* h, const std::string& name) {
   // was copied.
   sockaddr_un addr{};
   addr.sun_family = AF_UNIX;
-  size_t nameLen = std::min(std::strlen(name.c_str()), sizeof addr.sun_path - 1);
-  std::memcpy(addr.sun_path + 1, name.c_str(), nameLen);
+  size_t nameLen = std::min(name.size(), sizeof addr.sun_path - 1);
+  std::memcpy(addr.sun_path + 1, name.data(), nameLen);
   auto addrLen = static_cast<socklen_t>(sizeof addr.sun_family + 1 + nameLen);
 
   TARVO_TRACE(trace, 2, "WriterLock::createAndBindSocket() using abstract socket " << name);

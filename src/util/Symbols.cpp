@@ -1,7 +1,10 @@
 #include <dlfcn.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <sstream>
 #include <string>
 
@@ -30,17 +33,50 @@ bool readable(const MappingInfo& info) {
   return !info.perms.empty() && info.perms[0] == 'r';
 }
 
+// Copies `size` bytes at `address` of this process through the kernel, which answers a fault
+// with an error: an unmapped page, or a page of a file mapping beyond the end of the file, makes
+// this return false where touching the memory would raise SIGSEGV or SIGBUS.
+bool readOwn(Word address, void* out, size_t size) {
+  iovec local{out, size};
+  iovec remote{reinterpret_cast<void*>(address), size};
+  return ::process_vm_readv(::getpid(), &local, 1, &remote, 1, 0) == static_cast<ssize_t>(size);
+}
+
+// Whether a NUL-terminated string starts at `address` and ends inside `mapping`, every byte of
+// it readable. Read in pieces that never cross a page, so that each piece is read whole or not.
+bool readableString(Word address, const MappingInfo& mapping) {
+  const Word page = static_cast<Word>(::sysconf(_SC_PAGESIZE));
+  char piece[256];
+  while (address < mapping.end) {
+    size_t size = std::min({sizeof piece, page - address % page, mapping.end - address});
+    if (!readOwn(address, piece, size)) {
+      return false;
+    }
+    if (std::memchr(piece, '\0', size) != nullptr) {
+      return true;
+    }
+    address += size;
+  }
+  return false;
+}
+
 }  // namespace
 
 void* resolveSym(Platform::DebugHandler* h, const char* symbolName) {
   Platform::DebugHandler& trace = Impl::traceHandler(h);
+  if (symbolName == nullptr) {
+    lastError = "null symbol name";
+    hasLastError = true;
+    TARVO_TRACE(trace, 1, "Util::resolveSym() symbolName:(null) unable to resolve:" << lastError);
+    return nullptr;
+  }
   // The handle of the program's global scope; it is never closed.
   void* global = dlopen(nullptr, RTLD_LAZY);
   if (global == nullptr) {
     const char* reason = dlerror();
     debugAndThrowAssertException(
         &trace, 1, std::string("Util::resolveSym() dlopen() failed: ") + (reason ? reason : ""),
-        __FILE__, __func__, __LINE__);
+        "Util", __func__, __LINE__);
   }
   dlerror();
   void* address = dlsym(global, symbolName);
@@ -103,7 +139,12 @@ const char* typenameFromVptr(int otherPid, const void* vptr, std::string& error)
   }
 
   Word local = remote - theirs.start + myMapping.start;
-  auto typeInfo = reinterpret_cast<const void* const*>(local)[-1];
+  const void* typeInfo = nullptr;
+  if (!readOwn(local - kSlot, &typeInfo, sizeof typeInfo)) {
+    why << "Could not read typeInfo ptr for vptr:" << DisplayPointer(vptr)
+        << " otherPid:" << std::dec << otherPid << " myMapping:" << myMapping;
+    return failed();
+  }
   MappingInfo typeInfoMapping = mine.find(typeInfo);
   auto describe = [&] {
     why << "vptr:" << DisplayPointer(vptr) << " otherPid:" << std::dec << otherPid
@@ -121,11 +162,21 @@ const char* typenameFromVptr(int otherPid, const void* vptr, std::string& error)
   }
 
   // std::type_info holds its virtual-table pointer, then the name.
-  auto name = static_cast<const char* const*>(typeInfo)[1];
+  const char* name = nullptr;
+  if (!readOwn(wordOf(typeInfo) + kSlot, &name, sizeof name)) {
+    why << "Could not read typeInfo for ";
+    describe();
+    return failed();
+  }
   MappingInfo nameMapping = mine.find(name);
   if (nameMapping.path != myMapping.path || !readable(nameMapping)) {
     why << "TypeInfo is not stored in proper mapping. Expected:" << myMapping
         << " but found:" << nameMapping;
+    return failed();
+  }
+  if (!readableString(wordOf(name), nameMapping)) {
+    why << "Could not read type name at:" << DisplayPointer(name) << " for ";
+    describe();
     return failed();
   }
   return name;

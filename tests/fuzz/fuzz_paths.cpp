@@ -30,7 +30,9 @@ void checkPlan(const std::string& absolute, const std::string& trailing) {
   } catch (const Tarvo::AssertException&) {
     FUZZ_CHECK(absolute.empty() || absolute[0] != '/' || trailing.empty() ||
                trailing.size() >= absolute.size() ||
-               absolute.compare(absolute.size() - trailing.size(), trailing.size(), trailing) != 0);
+               absolute.compare(absolute.size() - trailing.size(), trailing.size(), trailing) !=
+                   0 ||
+               absolute.find('\0') != std::string::npos);
     return;
   }
   const size_t base = absolute.size() - trailing.size();

@@ -212,8 +212,8 @@ TEST_F(SchedulerTest, RunRequestsFollowIdleAndRunnableChangesAndSplitQueuesMerge
   EXPECT_EQ(root->pickOneTask(now, TaskPriority::absolute), a.get());
   EXPECT_THAT([&] { root->taskRunQueuesMovePersistentToTemporary(); },
               ::testing::ThrowsMessage<AssertException>(::testing::ContainsRegex(
-                  "movePersistentToTemporary:[0-9]+: The temporary run queue should always be "
-                  "empty at this point")));
+                  "\"TaskScheduler:movePersistentToTemporary:[0-9]+: The temporary run queue "
+                  "should always be empty at this point")));
   root->taskRunQueuesMoveTemporaryToPersistent();
   EXPECT_EQ(root->pickOneTask(now, TaskPriority::absolute), b.get());
   EXPECT_EQ(root->pickOneTask(now, TaskPriority::absolute), task.get());

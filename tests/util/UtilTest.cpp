@@ -9,8 +9,10 @@
 #include <sched.h>
 #include <signal.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -24,6 +26,7 @@
 #include <iomanip>
 #include <iostream>
 #include <optional>
+#include <set>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -135,6 +138,21 @@ TEST(Helpers, HashesDumpsAndPrintersGiveTheirExactTexts) {
   EXPECT_EQ(Util::resolveSym(nullptr, "tarvoNoSuchSymbol"), nullptr);
   EXPECT_THAT(Util::resolveSymError(), HasSubstr("tarvoNoSuchSymbol"));
   EXPECT_EQ(Util::resolveSymError(), nullptr) << "reading the reason clears it";
+  TraceRecorder trace;
+  EXPECT_EQ(Util::resolveSym(&trace, nullptr), nullptr);
+  EXPECT_THAT(Util::resolveSymError(), NotNull());
+  EXPECT_TRUE(trace.has(1, "Util::resolveSym() symbolName:(null) unable to resolve:"));
+
+  // The heap checker's hooks are looked up (and the lookup traced) only under HEAPCHECK.
+  TraceRecorder heapTrace;
+  ::unsetenv("HEAPCHECK");
+  EXPECT_EQ(HeapChecker::resolveAllocSym(&heapTrace), nullptr);
+  EXPECT_EQ(HeapChecker::resolveFreeSym(&heapTrace), nullptr);
+  EXPECT_EQ(heapTrace.traced[1] + heapTrace.traced[5], "");
+  ::setenv("HEAPCHECK", "", 1);
+  EXPECT_EQ(HeapChecker::resolveFreeSym(&heapTrace), nullptr);
+  ::unsetenv("HEAPCHECK");
+  EXPECT_TRUE(heapTrace.has(1, "symbolName:HeapChecker_RecordClientFree unable to resolve:"));
 }
 
 // The child runs print the seed, the first string drawn and whether a second setSeed repeats it.
@@ -194,7 +212,6 @@ TEST(FilesTest, FilesGetExactModesAndFailuresAnswerAsTold) {
   EXPECT_EQ(Util::fileSize(trace, noDir), 0u);
   EXPECT_TRUE(Util::fileRemove(trace, noDir));
   EXPECT_FALSE(Util::fileRemove(trace, dir.file("x")));
-  EXPECT_EQ(DirNode(trace, noDir).readEntry(), nullptr);
 
   const char* faults[][3] = {{"a/b", "b", "absolute path is not absolute"},
                              {"/a/b", "/a/b", "trailing path longer than absolute path"},
@@ -212,6 +229,155 @@ TEST(FilesTest, FilesGetExactModesAndFailuresAnswerAsTold) {
   EXPECT_EQ(modeOf(dir.file("x")), 0u);
   EXPECT_EQ(modeOf(dir.path()), 0700u);
   EXPECT_EQ(openFdCount(), fdsBefore);
+}
+
+TEST(FilesTest, MkpathThroughDotDotLeavesExistingDirectoriesAlone) {
+  TempDir dir;
+  ASSERT_EQ(::chmod(dir.path().c_str(), 01777), 0);
+  EXPECT_EQ(Util::mkpath(dir.file("a/../b"), 0700), 0);
+  EXPECT_EQ(modeOf(dir.path()), 01777u);
+  EXPECT_EQ(modeOf(dir.file("a")) | modeOf(dir.file("b")), 0700u);
+  if (::geteuid() != 0) {
+    return;
+  }
+  // A user who may create entries here but not change the directory's mode.
+  EXPECT_EQ(1, runInChild([&] {
+                 return ::setresgid(65534, 65534, 65534) == 0 &&
+                        ::setresuid(65534, 65534, 65534) == 0 &&
+                        Util::mkpath(dir.file("c/../d/e"), 0750) == 0;
+               }).exitCode);
+  EXPECT_EQ(modeOf(dir.path()), 01777u);
+  EXPECT_EQ(modeOf(dir.file("c")) & modeOf(dir.file("d")) & modeOf(dir.file("d/e")), 0750u);
+}
+
+TEST(FilesTest, PathsAndNamesHoldingNulAreRefusedAndTouchNothing) {
+  TempDir dir;
+  TraceRecorder trace;
+  int fdsBefore = settledFdCount();
+  const std::string real = dir.file("real");
+  const std::string cut = real + std::string(1, '\0') + "tail";
+  Util::fileWrite(trace, real, "content", false);
+  ASSERT_EQ(::mkdir(dir.file("sub").c_str(), 0700), 0);
+  int fd = ::open(real.c_str(), O_RDWR);
+  auto refused = [](const std::function<bool()>& failed) {
+    errno = 0;
+    return failed() && errno == EINVAL;
+  };
+  EXPECT_TRUE(refused([&] { return !Util::fileRemove(trace, cut); }));
+  EXPECT_TRUE(refused([&] { return !Util::fileExists(trace, cut); }));
+  EXPECT_TRUE(refused([&] { return Util::fileSize(trace, cut) == 0; }));
+  EXPECT_TRUE(refused([&] { return Util::fileRead(trace, cut, true).empty(); }));
+  EXPECT_TRUE(refused([&] { return !Util::touch(trace, cut); }));
+  EXPECT_TRUE(refused([&] { return Util::truncate(trace, cut, fd, 0) == -1; }));
+  EXPECT_TRUE(refused([&] { return Util::mkpath(dir.file(std::string("new\0", 4)), 0700) < 0; }));
+  EXPECT_TRUE(refused([&] { return !DirNode(trace, dir.file(std::string("sub\0", 4))).isOpen(); }));
+  EXPECT_EQ(thrownMessage([&] { Util::fileWrite(trace, cut, "other", false); }), "other");
+  Util::fileWrite(trace, cut, "other", true);
+  ::close(fd);
+  EXPECT_EQ(Util::fileRead(trace, real, true), "content");
+  EXPECT_FALSE(Util::fileExists(trace, dir.file("new")));
+
+  const std::string tail("sub\0x", 5);
+  EXPECT_THAT(thrownMessage([&] { Util::trimpath(dir.file(tail), tail); }),
+              EndsWith("absolute path holds a NUL byte"));
+  EXPECT_TRUE(Util::fileExists(trace, dir.file("sub")));
+  // Lock files named a\0x and a\0y would otherwise be one file.
+  EXPECT_THAT(thrownMessage([&] { FileLock(trace, dir.path(), std::string("a\0x", 3)); }),
+              EndsWith("Tarvo::FileLock::FileLock() unexpected NUL byte in filename: a\\0x"));
+  EXPECT_THAT(thrownMessage([&] { FileLock(trace, dir.file(tail), "a"); }),
+              EndsWith("unexpected NUL byte in directory: " + dir.file("sub\\0x")));
+  EXPECT_THAT(thrownMessage([&] { Util::createAndBindSocket(nullptr, std::string("tarvo\0", 6)); }),
+              EndsWith("WriterLock::createAndBindSocket() unexpected NUL byte in name: tarvo\\0"));
+  EXPECT_EQ(openFdCount(), fdsBefore);
+}
+
+TEST(FilesTest, FileReadStopsAtTheFirstNulAndAtItsLimit) {
+  TempDir dir;
+  TraceRecorder trace;
+  EXPECT_EQ(Util::fileRead(trace, "/dev/zero", true), "");
+  const std::string big = dir.file("big");
+  Util::fileWrite(trace, big, std::string(Util::kFileReadLimit + 1, 'x'), false);
+  errno = 0;
+  EXPECT_EQ(Util::fileRead(trace, big, true), std::string(Util::kFileReadLimit, 'x'));
+  EXPECT_EQ(errno, EFBIG);
+  EXPECT_TRUE(trace.has(1, "Util::fileRead() " + big + " holds more than the limit of 16777216"));
+  EXPECT_EQ(Util::fileRead(trace, big, true, 3), "xxx");
+
+  // A pipe whose writer never stops: the read ends at the limit, and the writer then fails.
+  int pipeFds[2];
+  ASSERT_EQ(::pipe2(pipeFds, O_CLOEXEC), 0);
+  std::thread writer([fd = pipeFds[1]] {
+    ::signal(SIGPIPE, SIG_IGN);
+    while (::write(fd, "yyyy", 4) == 4) {
+    }
+    ::close(fd);
+  });
+  std::string source = "/proc/self/fd/" + std::to_string(pipeFds[0]);
+  EXPECT_EQ(Util::fileRead(trace, source, true, 100000), std::string(100000, 'y'));
+  ::close(pipeFds[0]);
+  writer.join();
+}
+
+TEST(FilesTest, QueriesAnswerAndTheirFailuresAreTraced) {
+  TempDir dir;
+  TraceRecorder trace;
+  const std::string file = dir.file("f");
+  EXPECT_FALSE(Util::fileExists(trace, file));
+  EXPECT_TRUE(trace.has(5, "Util::fileExists() checking if " + file + " exists, stat result: -1"));
+  Util::fileWrite(trace, file, "0123456789", false);
+  EXPECT_TRUE(Util::fileExists(trace, file) && Util::fileExists(trace, dir.path()));
+
+  int fd = ::open(file.c_str(), O_RDWR);
+  int readOnly = ::open(file.c_str(), O_RDONLY);
+  EXPECT_EQ(Util::truncate(trace, "label", fd, 4), 0);
+  EXPECT_EQ(Util::fileSize(trace, readOnly), 4u);
+  EXPECT_EQ(Util::truncate(trace, "label", fd, 6), 0);
+  EXPECT_EQ(Util::fileRead(trace, file, true), "0123");  // grown with NUL bytes
+  EXPECT_EQ(Util::truncate(trace, "label", readOnly, 0), -1);
+  EXPECT_TRUE(trace.has(0, "Util::truncate() ftruncate() size:0 error: label: "));
+  EXPECT_EQ(Util::fileSize(trace, file), 6u);
+  ::close(fd);
+  ::close(readOnly);
+  EXPECT_EQ(Util::fileSize(trace, fd), 0u);
+  EXPECT_TRUE(trace.has(
+      5, "Util::fileSize() unable to fstat fd " + std::to_string(fd) + ": Bad file descriptor"));
+
+  char cwd[PATH_MAX];
+  EXPECT_EQ(Util::getCwd(trace), ::getcwd(cwd, sizeof cwd));
+  // A working directory that was removed has no path any more.
+  EXPECT_EQ(
+      1, runInChild([&] {
+           const std::string gone = "Util::getCwd() getcwd() failed:No such file or directory";
+           return ::mkdir(dir.file("cwd").c_str(), 0700) == 0 &&
+                  ::chdir(dir.file("cwd").c_str()) == 0 && ::rmdir(dir.file("cwd").c_str()) == 0 &&
+                  thrownMessage([&] { Util::getCwd(trace); }) == gone && trace.has(0, gone);
+         }).exitCode);
+}
+
+TEST(DirNodeTest, ReadsEveryEntryRewindsAndOpensOnlyDirectories) {
+  TempDir dir;
+  TraceRecorder trace;
+  Util::touch(trace, dir.file("a"));
+  ::mkdir(dir.file("sub").c_str(), 0700);
+  auto names = [](const DirNode& node) {
+    std::set<std::string> sorted;
+    while (const dirent* entry = node.readEntry()) {
+      sorted.insert(entry->d_name);
+    }
+    return ::testing::PrintToString(sorted);
+  };
+  DirNode node(trace, dir.path());
+  EXPECT_EQ(names(node), "{ \".\", \"..\", \"a\", \"sub\" }");
+  EXPECT_EQ(node.readEntry(), nullptr);  // stays at the end
+  node.openDir();
+  EXPECT_EQ(names(node), "{ \".\", \"..\", \"a\", \"sub\" }");
+
+  // A file where a directory was expected is normal in a changing tree: traced at 9 only.
+  DirNode onFile(trace, dir.file("a"));
+  EXPECT_EQ(onFile.readEntry(), nullptr);
+  std::string failed = "DirNode::DirNode() failed to open " + dir.file("a");
+  EXPECT_TRUE(trace.has(9, failed + " errno: Not a directory") && !trace.has(1, failed));
+  EXPECT_TRUE(trace.has(5, "cannot read " + dir.file("a") + " because the directory is not open"));
 }
 
 TEST(FileLockTest, OneHolderAtATimeAndMisuseIsRefusedAsTold) {
@@ -411,6 +577,13 @@ TEST(ProcIntrospectionTest, SocketAndLockOwnersAreFoundAndOpenersAreNot) {
   sd = Util::createAndBindSocket(nullptr, socketName + std::string(150, 'n'));
   EXPECT_TRUE(connects(sd, socketName + std::string(150, 'n')));
   ::close(sd);
+  EXPECT_EQ(1, runInChild([] {
+                 rlimit noDescriptors{0, 0};
+                 return ::setrlimit(RLIMIT_NOFILE, &noDescriptors) == 0 &&
+                        thrownMessage([] {
+                          Util::createAndBindSocket(nullptr, "x");
+                        }).starts_with("Util:createAndBindSocket:");
+               }).exitCode);
 
   std::optional<FileLock> held;
   {
@@ -488,6 +661,29 @@ TEST(TypenameFromVptr, NamesTypeInAnotherProcessAndExplainsBadTables) {
   EXPECT_EQ(Util::typenameFromVptr(getpid(), &fakeVtable[1], error), nullptr);
   EXPECT_THAT(error,
               StartsWith("TypeInfo is not stored in proper mapping. Expected:MappingInfo {"));
+
+  // A mapping that reaches past the end of its file: touching the part beyond raises SIGBUS.
+  TempDir dir;
+  const size_t page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+  int fd = ::open(dir.file("short").c_str(), O_RDWR | O_CREAT, 0600);
+  ASSERT_EQ(::ftruncate(fd, static_cast<off_t>(page)), 0);
+  auto* map = static_cast<char*>(::mmap(nullptr, 2 * page, PROT_READ, MAP_SHARED, fd, 0));
+  ASSERT_NE(map, MAP_FAILED);
+  const char* beyond = map + page + 64;
+  EXPECT_EQ(Util::typenameFromVptr(getpid(), beyond, error), nullptr);
+  EXPECT_THAT(error, StartsWith("Could not read typeInfo ptr for vptr:"));
+  // The slot is inside the file, the type information it points at is not.
+  ASSERT_EQ(::pwrite(fd, &beyond, sizeof beyond, 64), static_cast<ssize_t>(sizeof beyond));
+  EXPECT_EQ(Util::typenameFromVptr(getpid(), map + 64 + sizeof beyond, error), nullptr);
+  EXPECT_THAT(error, StartsWith("Could not read typeInfo for vptr:"));
+  // Slot and type information inside the file (the slot points at itself as the type
+  // information, whose name word follows), the name they lead to beyond it.
+  const char* typeInfo[2] = {map + 64, beyond};
+  ASSERT_EQ(::pwrite(fd, typeInfo, sizeof typeInfo, 64), static_cast<ssize_t>(sizeof typeInfo));
+  EXPECT_EQ(Util::typenameFromVptr(getpid(), map + 64 + sizeof beyond, error), nullptr);
+  EXPECT_THAT(error, StartsWith("Could not read type name at:"));
+  ::munmap(map, 2 * page);
+  ::close(fd);
 }
 
 constexpr int kNoPidNamespace = 77;
