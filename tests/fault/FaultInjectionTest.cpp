@@ -27,6 +27,7 @@
 #include "Tarvo/Platform.h"
 #include "Tarvo/TaskScheduler.h"
 #include "Tarvo/TaskSchedulerRootTarvo.h"
+#include "Tarvo/TimerTask.h"
 #include "Tarvo/UtilNet.h"
 #include "common/TestSupport.h"
 #include "scheduler/SchedulerTestSupport.h"
@@ -87,8 +88,8 @@ int drain(const std::function<void()>& loop = [] { Platform::doEventLoop(); }) {
 }
 
 // Each kind of fault from each notification, then from the exception hooks too: every one
-// leaves the loop, none is lost, and afterwards the loop and every control (and the task)
-// work as before.
+// leaves the loop, none is lost, and afterwards the loop and every control (and the task and
+// the timer task) work as before.
 TEST(FaultInjection, ThrowingHandlersOfEveryKindLeaveTheLoopAndEveryControlUsable) {
   const std::vector<std::function<void()>> faults = {
       [] { throw 7; },
@@ -110,6 +111,18 @@ TEST(FaultInjection, ThrowingHandlersOfEveryKindLeaveTheLoopAndEveryControlUsabl
       taskFault();
     }
   });
+  struct FaultyTimer : TimerTask {
+    using TimerTask::TimerTask;
+    void taskExecute() override {
+      ++runs;
+      if (fault) {
+        fault();
+      }
+    }
+    std::function<void()> fault;
+    int runs = 0;
+  };
+  auto timerTask = std::make_shared<FaultyTimer>(root, TaskPriority::high, "faulty-timer");
   fd->setFd(pair.fds[0]);
   fd->setReads(false);
   int rounds = 0;
@@ -117,14 +130,16 @@ TEST(FaultInjection, ThrowingHandlersOfEveryKindLeaveTheLoopAndEveryControlUsabl
     for (const auto& fault : faults) {
       h.fault = fault;
       h.hookFault = hookThrows ? faults[(++rounds) % faults.size()] : nullptr;
-      taskFault = fault;
+      taskFault = timerTask->fault = fault;
       fd->setWrites(true);
       timer->setTimeout(0);
       callback->requestCallback();
       task->scheduleTask();
-      // Four notifications and a task, each throwing once: four exceptions leave the loop
-      // (the fd write, timer, callback and task), each ending its own loop call.
-      EXPECT_EQ(drain(), 4);
+      timerTask->scheduleTaskDelay(1e-6);
+      // Three notifications, a task and a timer task, each throwing once: five exceptions
+      // leave the loop, each ending its own loop call.
+      EXPECT_EQ(drain(), 5);
+      EXPECT_FALSE(timerTask->timerRunning());
     }
   }
   EXPECT_EQ(h.writes, 8);
@@ -134,13 +149,14 @@ TEST(FaultInjection, ThrowingHandlersOfEveryKindLeaveTheLoopAndEveryControlUsabl
   EXPECT_EQ(taskRuns, 8);
 
   // Everything works again without a fault.
-  h.fault = h.hookFault = taskFault = nullptr;
+  h.fault = h.hookFault = taskFault = timerTask->fault = nullptr;
   fd->setReads(true);
   fd->setWrites(true);
   pair.put();
   timer->setTimeout(0);
   callback->requestCallback();
   task->scheduleTask();
+  timerTask->scheduleTaskDelay(1e-6);
   Platform::doEventLoop(0.0);
   fd->setReads(false);
   EXPECT_EQ(drain(), 0);
@@ -149,6 +165,7 @@ TEST(FaultInjection, ThrowingHandlersOfEveryKindLeaveTheLoopAndEveryControlUsabl
   EXPECT_EQ(h.timeouts, 9);
   EXPECT_EQ(h.callbacks, 9);
   EXPECT_EQ(taskRuns, 9);
+  EXPECT_EQ(timerTask->runs, 9);
   EXPECT_EQ(root->runnableTaskCount(), 0);
 }
 
