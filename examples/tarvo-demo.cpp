@@ -1,23 +1,38 @@
 // tarvo-demo: a small agent built on libTarvo. Copy it to start your own.
 //
-// The main thread's root scheduler runs three tasks:
+// The main thread's root scheduler runs three tasks and a task group:
 //   - "crunch"  (low):    a long job (summing 1..N) that works in slices: it checks
 //                         taskShouldYield() and schedules itself again until it is done;
 //   - "ticker"  (normal): a short task that reschedules itself a fixed number of times;
 //   - "warden"  (high):   woken every 2 ms by a platform timer; it suspends "crunch" on one
-//                         wake and resumes it on the next.
+//                         wake and resumes it on the next;
+//   - "conns"   (normal): a task group of four "conn" tasks. The root sees one task,
+//                         "conns;TaskGroup"; each of its turns runs the connections back to
+//                         back within a 1 ms budget.
+// Beside them a socket pair carries a stream of text lines: "feeder" (a FileDescriptorTask
+// watching one end for writability) writes a slice per readiness, and "lines" (watching the
+// other end for readability) reads with the usual non-blocking loop until EOF. Each direction
+// is its own task ("feeder:write", "lines:read") with its own work counts (bytes).
 // A second thread has its own root and loop and runs its own task, "echo".
-// At the end the demo prints the main thread's scheduling history and per-task figures.
+// At the end two connections close, and the demo prints the main thread's statistics report:
+// per-priority counts, the live tasks (the group's included), the closed connections as dead
+// records, and the last scheduling events.
 //
 // Try it with the trace facility:
 //   TRACE='TarvoDemo/*' ./tarvo-demo                     every level of the demo's trace
 //   TRACE='TaskScheduler/8' ./tarvo-demo                 the scheduler's view of each run
 //   TRACEFORMAT=time,level,func-name ./tarvo-demo        another line prefix
 //   TRACEFILE=/tmp/demo.trace ./tarvo-demo               trace lines into a file
-#include <boost/format.hpp>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <iostream>
 #include <memory>
+#include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -105,18 +120,87 @@ class Warden : public Tarvo::Task, public Tarvo::Platform::TimeoutHandler {
   std::shared_ptr<Tarvo::Platform::TimerControl> timer_ = Tarvo::Platform::getTimerControl(this);
 };
 
-void printTaskFigures(const Tarvo::TaskScheduler& scheduler) {
-  std::vector<Tarvo::TaskStat> stats;
-  scheduler.getTaskStats(&stats, true);
-  std::cout << boost::format("%-8s %-9s %6s %12s %14s %10s\n") % "task" % "priority" % "runs" %
-                   "run time us" % "max latency us" % "work";
-  for (const Tarvo::TaskStat& s : stats) {
-    std::cout << boost::format("%-8s %-9s %6u %12.1f %14.1f %10u\n") % s.taskName() %
-                     s.taskPriority() % s.taskRunCount() % (s.taskTotalRunTime().count() / 1e3) %
-                     (s.taskSchedulingLatencyHighWaterMark().count() / 1e3) %
-                     s.taskWorkCountTotal();
+// Writes `total` bytes of numbered text lines into its descriptor, at most one 4 KiB slice
+// per write readiness. Write watching is one-shot, so it re-arms while data is left, and shuts
+// its sending side down when done, which the reader sees as EOF.
+class Feeder : public Tarvo::FileDescriptorTask {
+ public:
+  Feeder(std::shared_ptr<Tarvo::TaskScheduler> root, int fd, size_t total)
+      : FileDescriptorTask(std::move(root), TaskPriority::normal, "feeder") {
+    for (int i = 0; data_.size() < total; ++i) {
+      data_ += "line " + std::to_string(i) + "\n";
+    }
+    taskWatchReadableIs(false);  // this end only writes
+    taskWatchFdIs(fd);
+    taskWatchWritableIs(true);
   }
-}
+  void taskExecuteReadable() override {}
+  void taskExecuteWritable() override {
+    const size_t slice = std::min<size_t>(4096, data_.size() - sent_);
+    ssize_t n = ::write(taskWatchFd(), data_.data() + sent_, slice);
+    if (n < 0 && errno != EAGAIN && errno != EINTR) {
+      throw std::system_error(errno, std::generic_category(), "feeder write");
+    }
+    if (n > 0) {
+      sent_ += size_t(n);
+      taskWorkCountInc(uint64_t(n));
+    }
+    if (sent_ < data_.size()) {
+      taskWatchWritableIs(true);
+    } else {
+      ::shutdown(taskWatchFd(), SHUT_WR);
+      taskWatchFdDel();
+    }
+  }
+
+ private:
+  std::string data_;
+  size_t sent_ = 0;
+};
+
+// Counts the lines arriving on its descriptor: reads until the descriptor is drained (EAGAIN:
+// wait for the next readiness) or the quantum is used up (yield: still readable, so the read
+// task runs again), and stops watching at EOF.
+class LineCounter : public Tarvo::FileDescriptorTask {
+ public:
+  LineCounter(std::shared_ptr<Tarvo::TaskScheduler> root, int fd)
+      : FileDescriptorTask(std::move(root), TaskPriority::normal, "lines") {
+    taskWatchFdIs(fd);
+  }
+  void taskExecuteReadable() override {
+    char buf[1024];
+    uint64_t bytes = 0;
+    for (;;) {
+      ssize_t n = ::read(taskWatchFd(), buf, sizeof buf);
+      if (n > 0) {
+        bytes += uint64_t(n);
+        lines_ += std::count(buf, buf + n, '\n');
+        if (taskShouldYield()) {
+          break;
+        }
+      } else if (n == 0) {
+        eof_ = true;
+        taskWatchFdDel();
+        break;
+      } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+        break;
+      } else if (errno != EINTR) {
+        throw std::system_error(errno, std::generic_category(), "lines read");
+      }
+    }
+    bytesTotal_ += bytes;
+    taskWorkCountInc(bytes);
+  }
+  void taskExecuteWritable() override {}
+  long lines() const { return lines_; }
+  uint64_t bytes() const { return bytesTotal_; }
+  bool eof() const { return eof_; }
+
+ private:
+  long lines_ = 0;
+  uint64_t bytesTotal_ = 0;
+  bool eof_ = false;
+};
 
 }  // namespace
 
@@ -139,9 +223,23 @@ int main() {
   auto crunch = std::make_shared<Crunch>(root, 20'000'000);
   auto ticker = std::make_shared<Repeater>(root, TaskPriority::normal, "ticker", 50);
   auto warden = std::make_shared<Warden>(root, *crunch);
+  // A subsystem bounded as a whole: one priority and one time budget per turn for all of it.
+  auto conns = Tarvo::TaskGroupIs("conns", TaskPriority::normal, true, root);
+  conns->taskGroupQuantumIs(1ms);
+  std::vector<std::shared_ptr<Repeater>> connections;
+  for (int i = 0; i < 4; ++i) {
+    connections.push_back(std::make_shared<Repeater>(conns, TaskPriority::normal, "conn", 500));
+    connections.back()->scheduleTask();
+  }
   crunch->scheduleTask();
   ticker->scheduleTask();
   warden->start();
+  int pair[2];
+  if (::socketpair(AF_UNIX, SOCK_STREAM, 0, pair) != 0) {
+    throw std::system_error(errno, std::generic_category(), "socketpair");
+  }
+  auto feeder = std::make_shared<Feeder>(root, pair[0], 256 * 1024);
+  auto lines = std::make_shared<LineCounter>(root, pair[1]);
 
   const auto started = std::chrono::steady_clock::now();
   Tarvo::Platform::doEventLoop(10.0);  // bounded: at most ten seconds
@@ -152,11 +250,16 @@ int main() {
             << " = " << crunch->sum() << " in " << crunch->taskRunCount() << " slices over "
             << std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count()
             << " ms, interleaved with the other tasks.\n"
+            << "Socket pair: \"lines\" counted " << lines->lines() << " lines (" << lines->bytes()
+            << " bytes" << (lines->eof() ? ", then EOF" : ", no EOF yet") << ") in "
+            << lines->readTask()->taskRunCount() << " read runs; \"feeder\" wrote them in "
+            << feeder->writeTask()->taskRunCount() << " write runs.\n"
             << "Worker thread root " << echoRoot << ": echo ran " << echoRuns << " times.\n";
 
-  std::cout << "\nThe last 12 scheduling events on the main thread (newest first):\n";
-  root->printHistory(std::cout, 12);
-  std::cout << "\nPer-task figures on the main thread:\n";
-  printTaskFigures(*root);
-  return crunch->finished() ? 0 : 1;
+  connections.resize(2);  // two connections close: their figures move to the dead records
+  ::close(pair[0]);
+  ::close(pair[1]);
+  std::cout << "\nStatistics report of the main thread's scheduler tree:\n\n";
+  root->printStats(std::cout, true, false, 20, 20, 12);
+  return crunch->finished() && lines->eof() ? 0 : 1;
 }

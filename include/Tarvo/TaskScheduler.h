@@ -40,6 +40,7 @@
 #include "Tarvo/IntrusiveBookmarkLinkedList.h"
 #include "Tarvo/IntrusiveLinkedListBase.h"
 #include "Tarvo/SchedulerHistory.h"
+#include "Tarvo/SchedulerStats.h"
 #include "Tarvo/TaskClock.h"
 #include "Tarvo/TaskPriority.h"
 #include "Tarvo/TaskStat.h"
@@ -286,7 +287,15 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
   TaskScheduler(const TaskScheduler&) = delete;
   TaskScheduler& operator=(const TaskScheduler&) = delete;
 
-  virtual bool resetStatsInProgress() const { return false; }
+  // Whether an incremental statistics reset (resetStats()) is under way.
+  virtual bool resetStatsInProgress() const;
+  // The statistics report of this scheduler (see SchedulerStats.h for the layout): its live
+  // tasks (only those that ran unless `includeNoRuns`; at most `taskLimit` rows), its dead
+  // records when `deadTaskLimit` is not 0, and, when `historyLimit` is not 0, a line saying
+  // that the history is in the root's report. `hideWorkCounts` puts a "." in place of each
+  // work-count figure of the live table. The root's override reports the whole tree.
+  virtual void printStats(std::ostream& os, bool includeNoRuns, bool hideWorkCounts,
+                          unsigned taskLimit, unsigned deadTaskLimit, unsigned historyLimit) const;
   // Asks whoever drives this scheduler for one call of handleSchedulerRun().
   virtual void requestSchedulerRun() = 0;
   // Called when the set of tasks under forced test yield turns empty or non-empty.
@@ -317,6 +326,8 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
     }
   }
   void requestSchedulerRunAndRecord(TaskTimePoint now);
+  // When the last run was requested: the end of the last task run, as a rule.
+  TaskTimePoint lastRunRequestTime() const noexcept { return lastRunRequestTime_; }
   void checkSchedulerLatency();
   nanoseconds schedulerLatencyHighWaterMark() const noexcept {
     return schedulerLatencyHighWaterMark_;
@@ -330,7 +341,27 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
   void tasksPerPriorityDec(TaskPriority priority);
   unsigned deadTasksPerPriority(TaskPriority priority) const;
   void deadTasksPerPriorityInc(TaskPriority priority);
+  // Ends the process with "Priority: <p> count: 0" when no dead task of `priority` is counted.
+  void deadTasksPerPriorityDec(TaskPriority priority);
   size_t registeredTaskCount() const;
+
+  // Per-priority counts of this scheduler: one entry for each priority 0 to 4.
+  TaskSchedulerQueueStats queueStats() const;
+  // The figures of printStats(): live tasks, dead records (when `includeDeadTasks`), the
+  // per-priority counts and the scheduler slip.
+  TaskSchedulerStatsSnapshot statsSnapshot(bool includeNoRuns, bool includeDeadTasks) const;
+  // Resets every statistic at once: each task's counters, the run counts per priority, the
+  // scheduler slip, the dead-task records and dead counts.
+  void clearStats();
+  // Starts an incremental reset (or starts it over): the task "<scheduler name>;ResetStats"
+  // (normal priority) resets tasks in list order, yielding by its own quantum after at least
+  // one task per run; the per-priority figures and dead records are cleared by its last run.
+  // Tasks registered meanwhile start with fresh counters and are not visited.
+  void resetStats();
+  // One run of the incremental reset; called by the reset task.
+  void handleResetStatsTaskRun();
+  // The reset task, once resetStats() has created it (null before).
+  const std::shared_ptr<TaskImpl>& resetStatsTask() const noexcept { return resetStatsTask_; }
 
   nanoseconds defaultTaskQuantum() const noexcept { return defaultTaskQuantum_; }
   // The quantum of tasks created from now on; existing tasks keep theirs.
@@ -366,6 +397,11 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
   // Every registered task, newest first; traverse with front()/next().
   const RegisteredTaskList& registeredTasks() const noexcept { return registeredTasks_; }
 
+ protected:
+  // Destroys the reset task, which does not keep its scheduler alive. A root calls it from
+  // its own destructor, while the root's task hooks still stand.
+  void resetStatsTaskRelease();
+
  private:
   friend class TaskImpl;
 
@@ -376,6 +412,7 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
   __attribute__((visibility("hidden"))) bool lowerPriorityDue(unsigned priority,
                                                               unsigned consecutive) const;
   void schedulerRunnableChanged(bool runnable, const TaskTimePoint& now);
+  void clearStatsCommon();
 
   std::shared_ptr<TaskSchedulerHistory> history_;
   ConstStringRef schedulerName_;
@@ -393,6 +430,9 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
   TaskKey currentTaskKey_;
   std::shared_ptr<_TaskBase> currentTaskRef_;
   std::unordered_set<TaskImpl*> tasksForceYieldInTest_;
+  std::shared_ptr<TaskImpl> resetStatsTask_;
+  // Where the incremental reset resumes; placed only while a reset is under way.
+  RegisteredTaskList::Bookmark resetStatsBookmark_;
 };
 
 // "<name>" of the scheduler for trace lines; "NULL" for a null scheduler.
@@ -474,6 +514,23 @@ class TaskSchedulerRoot : public TaskScheduler {
   // microseconds before the newest event.
   void printHistory(std::ostream& os, unsigned limit) const;
   void printHistoryStdErr() const;
+  // True while any scheduler of the tree is resetting its statistics.
+  bool resetStatsInProgress() const override;
+  // The report over the whole tree: every scheduler's live tasks (and dead records) in one
+  // table each, the summary summed over the tree (queueStatsRoot()), then the history with
+  // at most `historyLimit` events (none when 0).
+  void printStats(std::ostream& os, bool includeNoRuns, bool hideWorkCounts, unsigned taskLimit,
+                  unsigned deadTaskLimit, unsigned historyLimit) const override;
+  // The tree's report to the standard error stream; by default every task (tasks that never
+  // ran included), all work counts, every dead record and the whole history ring.
+  void printStatsStdErr(bool includeNoRuns = true, bool hideWorkCounts = false,
+                        unsigned taskLimit = statsNoLimit, unsigned deadTaskLimit = statsNoLimit,
+                        unsigned historyLimit = statsNoLimit) const;
+  // statsSnapshot() over the whole tree: every scheduler's records in one vector each (in the
+  // order of registeredSchedulers()), queueStatsRoot() and the largest slip of the tree.
+  TaskSchedulerStatsSnapshot statsSnapshotRoot(bool includeNoRuns, bool includeDeadTasks) const;
+  // The sum of queueStats() over every scheduler of the tree.
+  TaskSchedulerQueueStats queueStatsRoot() const;
   // A pseudo-random percentage for timer jitter and test hooks: rand_r() on the root's seed
   // divided by 21474836, so 0 to 100 (100 only for the top 48 results of rand_r()).
   unsigned randomPercent();
@@ -603,6 +660,12 @@ inline void TaskSchedulerHistory::insert(const TimePoint& when, TaskSchedulerEve
 
 }  // namespace Tarvo
 
-// Timer tasks, the event-loop root and the per-thread roots complete the scheduler API.
+// Task groups, timer tasks, the event-loop root and the per-thread roots complete the
+// scheduler API.
+#include "Tarvo/TaskGroup.h"
 #include "Tarvo/TaskSchedulerRootTarvo.h"
 #include "Tarvo/TimerTask.h"
+
+// Descriptor tasks and the platform controls backed by tasks.
+#include "Tarvo/FileDescriptorTask.h"
+#include "Tarvo/TaskControls.h"

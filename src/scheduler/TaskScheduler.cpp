@@ -47,7 +47,9 @@ TaskScheduler::TaskScheduler(const std::string& name, TaskSchedulerRoot* root,
       root_(root),
       lastRunRequestTime_(processClockNow()) {}
 
-TaskScheduler::~TaskScheduler() = default;
+TaskScheduler::~TaskScheduler() {
+  resetStatsTaskRelease();
+}
 
 void TaskScheduler::taskRegister(TaskImpl* task) {
   root_->sanityCheckCurrentRunningThread();

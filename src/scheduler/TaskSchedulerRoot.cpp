@@ -30,6 +30,7 @@ TaskSchedulerRoot::TaskSchedulerRoot(const std::string& name, nanoseconds minimu
 }
 
 TaskSchedulerRoot::~TaskSchedulerRoot() {
+  resetStatsTaskRelease();
   registeredSchedulers_.erase(this);
 }
 

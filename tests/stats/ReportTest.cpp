@@ -1,0 +1,251 @@
+// Queue statistics, the two statistics resets and the text report.
+#include <gtest/gtest.h>
+
+#include <iomanip>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "Tarvo/TaskScheduler.h"
+#include "scheduler/SchedulerTestSupport.h"
+
+namespace Tarvo {
+namespace {
+
+using namespace std::chrono_literals;
+using std::chrono::nanoseconds;
+using S = TaskStat::TaskStatus;
+using Test::FnTask;
+
+const std::string kTableHeader =
+    "TaskName SP   RunCount      TotalSec Last/Max-Delay 200% 500% MaxMs "
+    "Total/DecayA/Max-WorkCount Last/Max-WorkPending\n";
+
+TEST(ReportTest, EmptySchedulerAndNeverRunTaskGoldenText) {
+  auto root = std::make_shared<TaskSchedulerRootManual>("root");
+  auto group = TaskGroupIs("g", TaskPriority::normal, false, root);
+  std::ostringstream os;
+  group->printStats(os, false, false, 10, 0, 1);
+  EXPECT_EQ(os.str(),
+            "Priority RunnableCount     IdleCount DeadCount   TotalRunCount\n"
+            "absolute             0             0         0               0\n"
+            "high                 0             0         0               0\n"
+            "normal               0             0         0               0\n"
+            "low                  0             0         0               0\n"
+            "scavenge             0             0         0               0\n"
+            "Maximum scheduler slip 0.000000 seconds\n"
+            "\n"
+            "SP                = Task status and priority % two characters:\n"
+            "   first            T/t for active/idle timers, * for running task or blank\n"
+            "   second           priority and runnable status, upper case for runnable\n"
+            "RunCount          = Number of times task has run\n"
+            "TotalSec          = Total run time in seconds\n"
+            "LastDelay         = Scheduling delay last time task ran, in seconds\n"
+            "MaxDelay          = Maximum scheduling delay encountered, in seconds\n"
+            "200% 500%         = Number of times task used this percentage of quantum\n"
+            "MaxMs             = Maximum single run time in milliseconds\n"
+            "TotalWorkCount    = Counter of total work units processed\n"
+            "DecayAvgWorkCount =    exponential decaying average of work units processed\n"
+            "MaxWorkCount      =    high watermark of work units processed in one run\n"
+            "LastWorkPending   = Work units pending processing\n"
+            "MaxWorkPending    =    high watermark of work units pending processing\n"
+            "\n" +
+                kTableHeader +
+                "Scheduler history for non root scheduler included in root scheduler\n");
+
+  // One task that never ran: skipped (singular) unless asked for, then one row of zeros.
+  auto idle = std::make_shared<FnTask>(group, TaskPriority::normal, "idle");
+  os.str("");
+  group->printStats(os, false, false, 10, 0, 0);
+  std::string text = os.str();
+  EXPECT_NE(text.find("normal               0             1         0               0\n"),
+            std::string::npos);
+  const std::string tail = kTableHeader + "Skipped 1 task with no runs\n";
+  ASSERT_GT(text.size(), tail.size());
+  EXPECT_EQ(text.substr(text.size() - tail.size()), tail);
+  os.str("");
+  group->printStats(os, true, false, 10, 0, 0);
+  text = os.str();
+  EXPECT_EQ(text.substr(text.find("TaskName")),
+            kTableHeader +
+                "idle      n          0         0.000  0.000   0.000    0    0     0          0 "
+                "     0.0      -         0          -\n");
+}
+
+TaskStat record(ConstStringCache& cache, const char* name, uint8_t status, TaskPriority priority,
+                uint32_t runs, nanoseconds total, nanoseconds last, nanoseconds maxDelay,
+                uint32_t v200, uint32_t v500, nanoseconds longest) {
+  return TaskStat(cache.intern(name), TaskKey(uintptr_t{0x40}), priority, runs, total, 1234, 12.34f,
+                  TaskMaybeU32(99), 3, TaskMaybeU32(), v500, v200, longest, last, maxDelay,
+                  S(status));
+}
+
+TEST(ReportTest, TablesSortTruncateSkipShowDeadRecordsAndPlaceholdersOnACleanStreamState) {
+  ConstStringCache cache;
+  using P = TaskPriority;
+  std::vector<TaskStat> live = {
+      record(cache, "c", 0, P::low, 1, 1ms, 0ns, 0ns, 0, 0, 0ns),
+      record(cache, "alpha", 0, P::normal, 10, 5500us, 1ms, 2500us, 1, 0, 1900us),
+      record(cache, "d", 0, P::low, 1, 2ms, 0ns, 0ns, 0, 0, 0ns),
+      record(cache, "connection-handler-7", S::taskOnRunQueueBit, P::high, 3, 7ms, 500us, 12500us,
+             0, 2, 6700us),
+      record(cache, "e", 0, P::low, 1, 500us, 0ns, 0ns, 0, 0, 0ns)};
+  std::vector<TaskStat> dead = {
+      record(cache, "gone", S::taskTimerBit, P::low, 8, 250ms, 1us, 1500ms, 0, 0, 250900us)};
+  dead[0].taskDeadCountIs(4);
+  TaskSchedulerQueueStats queues;
+  queues[P::high] = {P::high, 1, 2, 3, 4};
+
+  std::ostringstream os;
+  os << std::hex << std::left << std::setfill('*') << std::setprecision(2);
+  const auto flags = os.flags();
+  os.width(30);
+  printStatsImpl(os, queues, 12345679ns, &live, 2, &dead, 0, true, 2, 5);
+  EXPECT_EQ(os.flags(), flags);
+  EXPECT_EQ(os.fill(), '*');
+  EXPECT_EQ(os.precision(), 2);
+
+  const std::string text = os.str();
+  EXPECT_EQ(text.substr(0, text.find("\n\n") + 1),
+            "Priority RunnableCount     IdleCount DeadCount   TotalRunCount\n"
+            "high                 1             2         3               4\n"
+            "Maximum scheduler slip 0.012346 seconds\n");
+  EXPECT_NE(text.find("Dead              = Number of times a task with this name has died\n"
+                      "TotalWorkCount "),
+            std::string::npos);
+  EXPECT_EQ(
+      text.substr(text.find("TaskName ")),
+      "TaskName             SP   RunCount      TotalSec Last/Max-Delay 200% 500% MaxMs "
+      "Total/DecayA/Max-WorkCount Last/Max-WorkPending\n"
+      "connection-handler-7  H          3         0.007  0.001   0.013    0    2     6          "
+      ".        .      .         .          .\n"
+      "alpha                 n         10         0.005  0.001   0.003    1    0     1          "
+      ".        .      .         .          .\n"
+      "Skipped 2 tasks with no runs\n"
+      "Truncated 3 tasks due to requested limit\n"
+      "\n"
+      "TaskName (Dead tasks) SP   RunCount      TotalSec Last/Max-Delay 200% 500% MaxMs Dead "
+      "Total/DecayA/Max-WorkCount Last/Max-WorkPending\n"
+      "gone                  tl          8         0.250  0.000   1.500    0    0   250    4    "
+      "   1234     12.3     99         3          -\n");
+
+  // Without dead records there is neither a dead table nor its legend line.
+  os.str("");
+  printStatsImpl(os, queues, 0ns, &live, 0, nullptr, 0, false, 0, 0);
+  EXPECT_EQ(os.str().find("Dead "), std::string::npos);
+  EXPECT_NE(os.str().find("Truncated 5 tasks due to requested limit\n"), std::string::npos);
+
+  os.str("");
+  os.width(0);  // still std::hex: the stamp is decimal all the same
+  os << DisplayTaskTimeStamp{TaskTimePoint(1234567ns)};
+  EXPECT_EQ(os.str(), "1234567ns");
+}
+
+TEST(QueueStatsTest, CountsFollowRegistrationRunsAndDeathsAndSumOverTheTree) {
+  using P = TaskPriority;
+  auto root = std::make_shared<TaskSchedulerRootManual>("root");
+  auto group = TaskGroupIs("g", P::low, false, root);
+  auto a = std::make_shared<FnTask>(root, P::normal, "a");
+  auto b = std::make_shared<FnTask>(root, P::normal, "b");
+  auto inner = std::make_shared<FnTask>(group, P::high, "inner");
+  a->scheduleTask();
+  b->scheduleTask();
+  root->runOnce();
+  auto gone = std::make_shared<FnTask>(root, P::normal, "gone");
+  gone.reset();
+  auto quiet = std::make_shared<FnTask>(root, P::normal, "quiet");
+  quiet->includeInDeadTaskIs(false);
+  quiet.reset();
+
+  TaskSchedulerQueueStats stats = root->queueStats();
+  ASSERT_EQ(stats.size(), 5u);
+  EXPECT_EQ(stats[P::normal], (TaskSchedulerPriorityStats{P::normal, 1, 1, 1, 1}));
+  // The group's parent task lives in the root at the group's priority.
+  EXPECT_EQ(stats[P::low], (TaskSchedulerPriorityStats{P::low, 0, 1, 0, 0}));
+  EXPECT_EQ(group->queueStats()[P::high], (TaskSchedulerPriorityStats{P::high, 0, 1, 0, 0}));
+
+  inner->scheduleTask();
+  root->runUntilIdle();
+  TaskSchedulerQueueStats tree = root->queueStatsRoot();
+  EXPECT_EQ(tree[P::normal], (TaskSchedulerPriorityStats{P::normal, 0, 2, 1, 2}));
+  EXPECT_EQ(tree[P::high], (TaskSchedulerPriorityStats{P::high, 0, 1, 0, 1}));
+  EXPECT_EQ(tree[P::low], (TaskSchedulerPriorityStats{P::low, 0, 1, 0, 1}));
+
+  TaskSchedulerQueueStats partial;
+  partial[P::scavenge] = {P::scavenge, 1, 0, 0, 0};
+  partial += tree;
+  EXPECT_EQ(partial.size(), 5u);
+  EXPECT_EQ(partial[P::scavenge].runnable, 1u);
+
+  EXPECT_DEATH(root->deadTasksPerPriorityDec(P::high), "Priority: high count: 0");
+  TaskSchedulerPriorityStats mine{P::high};
+  EXPECT_DEATH(mine += TaskSchedulerPriorityStats{P::normal}, "high != normal");
+}
+
+TEST(ResetStatsTest, IncrementalResetTakesOneStepPerTaskAndClearsQueueFiguresLast) {
+  using P = TaskPriority;
+  auto root = std::make_shared<TaskSchedulerRootManual>("root");
+  std::vector<std::shared_ptr<FnTask>> tasks;
+  for (const char* name : {"a", "b", "c"}) {
+    tasks.push_back(std::make_shared<FnTask>(root, P::normal, name));
+    tasks.back()->scheduleTask();
+  }
+  std::make_shared<FnTask>(root, P::low, "dead")->taskRunFromTest();
+  root->runUntilIdle();
+  ASSERT_EQ(root->runTaskCount(P::normal), 3u);
+  EXPECT_FALSE(root->resetStatsInProgress());
+
+  root->resetStats();
+  ASSERT_NE(root->resetStatsTask(), nullptr);
+  EXPECT_EQ(root->resetStatsTask()->taskName().str(), "root;ResetStats");
+  root->resetStatsTask()->taskTestYieldRatioIs(1);  // a quantum that admits one task per run
+  auto reset = [&] {
+    unsigned n = 0;
+    for (auto& t : tasks) {
+      n += t->taskRunCount() == 0;
+    }
+    return n;
+  };
+  for (unsigned step = 1; step <= 3; ++step) {
+    EXPECT_TRUE(root->resetStatsInProgress());
+    EXPECT_NE(root->runTaskCount(P::normal), 0u);
+    EXPECT_EQ(root->deadTasksPerPriority(P::low), 1u);
+    ASSERT_TRUE(root->runOnce());
+    EXPECT_EQ(reset(), step);
+  }
+  EXPECT_FALSE(root->resetStatsInProgress());
+  EXPECT_EQ(root->runTaskCount(P::normal), 0u);
+  EXPECT_EQ(root->deadTasksPerPriority(P::low), 0u);
+  EXPECT_EQ(root->deadTaskStatForTest("dead").taskDeadCount(), 0u);
+  EXPECT_EQ(root->resetStatsTask()->taskWorkCountHighWaterMark().value(), 1u);
+
+  // clearStats resets everything at once.
+  tasks[0]->scheduleTask();
+  root->runUntilIdle();
+  root->clearStats();
+  EXPECT_EQ(tasks[0]->taskRunCount(), 0u);
+  EXPECT_EQ(root->runTaskCount(P::normal), 0u);
+  EXPECT_EQ(root->schedulerLatencyHighWaterMark(), 0ns);
+}
+
+TEST(ReportTest, RootReportCoversTheTreeDeadRecordsAndEndsWithTheHistory) {
+  auto root = std::make_shared<TaskSchedulerRootManual>("root");
+  auto group = TaskGroupIs("conns", TaskPriority::normal, true, root);
+  auto inner = std::make_shared<FnTask>(group, TaskPriority::normal, "conn");
+  inner->scheduleTask();
+  std::make_shared<FnTask>(root, TaskPriority::low, "old")->taskRunFromTest();
+  root->runUntilIdle();
+  std::ostringstream os;
+  root->printStats(os, true, false, 100, 100, 3);
+  const std::string text = os.str();
+  for (const char* line : {"\nconn ", "\nconns;TaskGroup ", "\nold ",
+                           "Truncated due to requested limit", "\nLast 3 scheduler events"}) {
+    EXPECT_NE(text.find(line), std::string::npos) << line;
+  }
+  EXPECT_LT(text.find("TaskName (Dead tasks)"), text.find("\nold "));
+  EXPECT_LT(text.find("\nold "), text.find("Last 3 scheduler events"));
+  EXPECT_EQ(text.find("non root"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace Tarvo
