@@ -56,6 +56,7 @@ stress: deps
 MEMCHECK = valgrind --error-exitcode=1 --leak-check=full --quiet --suppressions=tests/stress/valgrind.supp
 MEMCHECK_COUNT_stress_tasks = 20000
 MEMCHECK_COUNT_stress_timers = 3000
+MEMCHECK_COUNT_stress_sockets = 200
 
 memcheck: build
 	$(MEMCHECK) ./build/default/tarvo-demo >/dev/null
