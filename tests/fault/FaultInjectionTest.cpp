@@ -24,26 +24,20 @@
 
 #include "Tarvo/Debug.h"
 #include "Tarvo/Exception.h"
+#include "Tarvo/FileDescriptorTask.h"
 #include "Tarvo/Platform.h"
 #include "Tarvo/TaskScheduler.h"
 #include "Tarvo/TaskSchedulerRootTarvo.h"
 #include "Tarvo/TimerTask.h"
 #include "Tarvo/UtilNet.h"
 #include "common/TestSupport.h"
+#include "scheduler/FdTestSupport.h"
 #include "scheduler/SchedulerTestSupport.h"
 
 namespace Tarvo::Test {
 namespace {
 
 using ::testing::HasSubstr;
-
-// A descriptor pair whose first end is readable once put() wrote to the other.
-struct Pair {
-  int fds[2] = {-1, -1};
-  Pair() { EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0); }
-  ~Pair() { ::close(fds[0]), ::close(fds[1]); }
-  void put() const { EXPECT_EQ(::write(fds[1], "x", 1), 1); }
-};
 
 // Every handler kind at once. `fault` is what the next notification throws (nothing when
 // empty); `hookFault` is what the exception hooks then throw in turn.
@@ -73,7 +67,7 @@ struct Faulty : Platform::FdEventHandler, Platform::TimeoutHandler, Platform::Ca
 };
 
 // Runs the loop until it returns normally, counting the exceptions that left it.
-int drain(const std::function<void()>& loop = [] { Platform::doEventLoop(); }) {
+int drainLoop(const std::function<void()>& loop = [] { Platform::doEventLoop(); }) {
   int thrown = 0;
   for (int pass = 0; pass < 64; ++pass) {
     try {
@@ -97,7 +91,7 @@ TEST(FaultInjection, ThrowingHandlersOfEveryKindLeaveTheLoopAndEveryControlUsabl
       [] { debugAndThrowAssertException(nullptr, 0, "assert", "Fault", "f", 1); },
       [] { RuntimeException::throwException("runtime"); },
   };
-  Pair pair;
+  SocketPair pair;
   Faulty h;
   auto fd = Platform::getFdControl(&h);
   auto timer = Platform::getTimerControl(&h);
@@ -123,7 +117,7 @@ TEST(FaultInjection, ThrowingHandlersOfEveryKindLeaveTheLoopAndEveryControlUsabl
     int runs = 0;
   };
   auto timerTask = std::make_shared<FaultyTimer>(root, TaskPriority::high, "faulty-timer");
-  fd->setFd(pair.fds[0]);
+  fd->setFd(pair.fd[0]);
   fd->setReads(false);
   int rounds = 0;
   for (bool hookThrows : {false, true}) {
@@ -138,7 +132,7 @@ TEST(FaultInjection, ThrowingHandlersOfEveryKindLeaveTheLoopAndEveryControlUsabl
       timerTask->scheduleTaskDelay(1e-6);
       // Three notifications, a task and a timer task, each throwing once: five exceptions
       // leave the loop, each ending its own loop call.
-      EXPECT_EQ(drain(), 5);
+      EXPECT_EQ(drainLoop(), 5);
       EXPECT_FALSE(timerTask->timerRunning());
     }
   }
@@ -159,13 +153,62 @@ TEST(FaultInjection, ThrowingHandlersOfEveryKindLeaveTheLoopAndEveryControlUsabl
   timerTask->scheduleTaskDelay(1e-6);
   Platform::doEventLoop(0.0);
   fd->setReads(false);
-  EXPECT_EQ(drain(), 0);
+  EXPECT_EQ(drainLoop(), 0);
   EXPECT_EQ(h.reads, 1);
   EXPECT_EQ(h.writes, 9);
   EXPECT_EQ(h.timeouts, 9);
   EXPECT_EQ(h.callbacks, 9);
   EXPECT_EQ(taskRuns, 9);
   EXPECT_EQ(timerTask->runs, 9);
+  EXPECT_EQ(root->runnableTaskCount(), 0);
+}
+
+// An inner task of a group and a descriptor task's hook that throw: each exception leaves the
+// loop; the group goes on with its other tasks and runs the thrower again when asked, the loop
+// and another descriptor task keep working. (A descriptor task whose hook threw stays unusable
+// by design: its later runs throw "Executing task already set".)
+TEST(FaultInjection, ThrowingGroupTasksAndDescriptorHooksLeaveTheRestWorking) {
+  auto root = schedulerRootTarvoNonShared("faults");
+  auto group = TaskGroupIs("g", TaskPriority::normal, true, root);
+  std::string log;
+  bool fail = true;
+  auto thrower = std::make_shared<FnTask>(group, TaskPriority::normal, "thrower", [&](FnTask&) {
+    log += 'T';
+    if (fail) {
+      throw std::runtime_error("inner");
+    }
+  });
+  auto other =
+      std::make_shared<FnTask>(group, TaskPriority::normal, "other", [&](FnTask&) { log += 'O'; });
+  thrower->scheduleTask();
+  other->scheduleTask();
+  EXPECT_EQ(drainLoop(), 1);
+  EXPECT_EQ(log, "TO");
+  fail = false;
+  thrower->scheduleTask();
+  EXPECT_EQ(drainLoop(), 0);
+  EXPECT_EQ(log, "TOT");
+
+  SocketPair broken, working;
+  auto bad = std::make_shared<FnFdTask>(root, "bad", [](FnFdTask&) { throw 7; });
+  auto good = std::make_shared<FnFdTask>(root, "good", [](FnFdTask& t) { drain(t.taskWatchFd()); });
+  bad->taskWatchFdIs(broken.fd[0]);
+  good->taskWatchFdIs(working.fd[0]);
+  // Readiness makes a sub-task runnable; the run follows on a later pass.
+  auto passesUntil = [](const std::function<bool()>& done) {
+    for (int pass = 0; pass < 10 && !done(); ++pass) {
+      Platform::doEventLoop(0.0);
+    }
+    return done();
+  };
+  broken.put();
+  EXPECT_THROW(passesUntil([&] { return bad->reads > 0; }), int);
+  bad->taskWatchFdDel();
+  working.put("abc");
+  EXPECT_TRUE(passesUntil([&] { return good->reads == 1; }));
+  working.put("d");
+  EXPECT_TRUE(passesUntil([&] { return good->reads == 2; }));
+  EXPECT_EQ(bad->reads, 1);
   EXPECT_EQ(root->runnableTaskCount(), 0);
 }
 
@@ -188,7 +231,7 @@ TEST(FaultInjection, HookThrowingAfterItsControlWasDestroyedReachesTheLoopCaller
   timer->setTimeout(0);
   EXPECT_THROW(Platform::doEventLoop(), std::runtime_error);
   EXPECT_EQ(h.timeouts, 1);
-  EXPECT_EQ(drain(), 0);
+  EXPECT_EQ(drainLoop(), 0);
 }
 
 // Out of descriptors: a thread that needs its event base, controls, a root and sockets gets
