@@ -53,7 +53,8 @@
 //                              whether the timer is armed
 //
 // Threads: a timer task belongs to the thread of its root like every task; every operation
-// begins with the root's thread check. Nothing here locks, and re-arming allocates nothing.
+// begins with the root's thread check. Nothing here locks; on the event-loop root arming,
+// re-arming and stopping allocate nothing (the manual root allocates when it arms).
 #pragma once
 
 #include <chrono>

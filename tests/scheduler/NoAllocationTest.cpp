@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <new>
 
@@ -10,17 +11,19 @@
 
 static std::atomic<uint64_t> allocations{0};
 
-void* operator new(std::size_t size) {
+// None of the replacements is inlined: GCC 12 takes an inlined malloc() or free() meeting the
+// other side of the pair for a mismatch.
+[[gnu::noinline]] void* operator new(std::size_t size) {
   allocations.fetch_add(1, std::memory_order_relaxed);
   if (void* p = std::malloc(size ? size : 1)) {
     return p;
   }
   throw std::bad_alloc();
 }
-void operator delete(void* p) noexcept {
+[[gnu::noinline]] void operator delete(void* p) noexcept {
   std::free(p);
 }
-void operator delete(void* p, std::size_t) noexcept {
+[[gnu::noinline]] void operator delete(void* p, std::size_t) noexcept {
   std::free(p);
 }
 
@@ -54,6 +57,29 @@ TEST(NoAllocationTest, ScheduleUnschedulePickRunAndHistoryInsertAllocateNothing)
   // The count is live: creating a task does allocate.
   std::make_shared<FnTask>(root, TaskPriority::low, "created");
   EXPECT_GT(allocations.load() - before, 0u);
+}
+
+struct IdleTimer : TimerTask {
+  explicit IdleTimer(std::shared_ptr<TaskScheduler> root)
+      : TimerTask(std::move(root), TaskPriority::normal, "timer") {}
+  void taskExecute() override {}
+};
+
+TEST(NoAllocationTest, ArmingAndStoppingATimerTaskOnTheEventLoopRootAllocateNothing) {
+  auto root = schedulerRootTarvoNonShared("loop");
+  auto timer = std::make_shared<IdleTimer>(root);
+  timer->scheduleTaskDelay(1.0);
+  uint64_t before = allocations.load();
+  for (int round = 0; round < 100; ++round) {
+    timer->scheduleTaskDelay(2.0 + round);
+    timer->scheduleTaskDelay(std::chrono::seconds(1));
+    timer->scheduleTaskLowestDelay(0.5);
+    timer->scheduleTaskJitterUp(3.0, 10);
+    timer->scheduleTaskJitterDown(std::chrono::seconds(3), 10);
+    timer->stopTimerTask();
+  }
+  EXPECT_EQ(allocations.load() - before, 0u);
+  EXPECT_FALSE(timer->taskScheduled());
 }
 
 }  // namespace
