@@ -43,9 +43,18 @@ using ::testing::HasSubstr;
 // empty); `hookFault` is what the exception hooks then throw in turn.
 struct Faulty : Platform::FdEventHandler, Platform::TimeoutHandler, Platform::CallbackHandler {
   std::function<void()> fault, hookFault;
+  Platform::FdControl* readControl = nullptr;
   int reads = 0, writes = 0, timeouts = 0, callbacks = 0, hooks = 0;
 
-  void readFdEvent(int) override { ++reads, raise(); }
+  // Drains and stops watching, so that the loop can run dry.
+  void readFdEvent(int fd) override {
+    ++reads;
+    char buf[16];
+    while (::read(fd, buf, sizeof buf) > 0) {
+    }
+    readControl->setReads(false);
+    raise();
+  }
   void writeFdEvent(int) override { ++writes, raise(); }
   void timeout() override { ++timeouts, raise(); }
   void callback() override { ++callbacks, raise(); }
@@ -117,44 +126,45 @@ TEST(FaultInjection, ThrowingHandlersOfEveryKindLeaveTheLoopAndEveryControlUsabl
     int runs = 0;
   };
   auto timerTask = std::make_shared<FaultyTimer>(root, TaskPriority::high, "faulty-timer");
+  h.readControl = fd.get();
   fd->setFd(pair.fd[0]);
-  fd->setReads(false);
   int rounds = 0;
   for (bool hookThrows : {false, true}) {
     for (const auto& fault : faults) {
       h.fault = fault;
       h.hookFault = hookThrows ? faults[(++rounds) % faults.size()] : nullptr;
       taskFault = timerTask->fault = fault;
+      pair.put();
+      fd->setReads(true);
       fd->setWrites(true);
       timer->setTimeout(0);
       callback->requestCallback();
       task->scheduleTask();
       timerTask->scheduleTaskDelay(1e-6);
-      // Three notifications, a task and a timer task, each throwing once: five exceptions
-      // leave the loop, each ending its own loop call.
-      EXPECT_EQ(drainLoop(), 5);
+      // Four notifications, a task and a timer task, each throwing once: six exceptions leave
+      // the loop, each ending its own loop call.
+      EXPECT_EQ(drainLoop(), 6);
       EXPECT_FALSE(timerTask->timerRunning());
     }
   }
+  EXPECT_EQ(h.reads, 8);
   EXPECT_EQ(h.writes, 8);
   EXPECT_EQ(h.timeouts, 8);
   EXPECT_EQ(h.callbacks, 8);
-  EXPECT_EQ(h.hooks, 24);
+  EXPECT_EQ(h.hooks, 32);
   EXPECT_EQ(taskRuns, 8);
 
   // Everything works again without a fault.
   h.fault = h.hookFault = taskFault = timerTask->fault = nullptr;
+  pair.put();
   fd->setReads(true);
   fd->setWrites(true);
-  pair.put();
   timer->setTimeout(0);
   callback->requestCallback();
   task->scheduleTask();
   timerTask->scheduleTaskDelay(1e-6);
-  Platform::doEventLoop(0.0);
-  fd->setReads(false);
   EXPECT_EQ(drainLoop(), 0);
-  EXPECT_EQ(h.reads, 1);
+  EXPECT_EQ(h.reads, 9);
   EXPECT_EQ(h.writes, 9);
   EXPECT_EQ(h.timeouts, 9);
   EXPECT_EQ(h.callbacks, 9);
