@@ -26,6 +26,7 @@
 #include "Tarvo/Exception.h"
 #include "Tarvo/FileDescriptorTask.h"
 #include "Tarvo/Platform.h"
+#include "Tarvo/TaskControls.h"
 #include "Tarvo/TaskScheduler.h"
 #include "Tarvo/TaskSchedulerRootTarvo.h"
 #include "Tarvo/TimerTask.h"
@@ -220,6 +221,41 @@ TEST(FaultInjection, ThrowingGroupTasksAndDescriptorHooksLeaveTheRestWorking) {
   EXPECT_TRUE(passesUntil([&] { return good->reads == 2; }));
   EXPECT_EQ(bad->reads, 1);
   EXPECT_EQ(root->runnableTaskCount(), 0);
+}
+
+// The task-backed controls: a throwing timer or callback handler leaves the loop and its
+// control fires again when asked; a descriptor handler whose hook swallows its exceptions keeps
+// being told about readiness.
+TEST(FaultInjection, TaskBackedControlsSurviveTheirHandlersThrowing) {
+  auto root = schedulerRootTarvoNonShared("faults");
+  Faulty h;
+  h.fault = [] { throw std::runtime_error("task-backed"); };
+  auto timer = Platform::getTimerControl(&h, root, TaskPriority::normal, "timer");
+  auto callback = Platform::getCallbackControl(&h, root, TaskPriority::normal, "callback");
+  for (int round = 1; round <= 3; ++round) {
+    timer->setTimeout(0);
+    callback->requestCallback();
+    EXPECT_EQ(drainLoop(), 2);
+    EXPECT_EQ(h.timeouts, round);
+    EXPECT_EQ(h.callbacks, round);
+  }
+  EXPECT_EQ(h.hooks, 0);  // these controls do not ask the hooks
+
+  struct Swallowing : Faulty {
+    bool handleFdException(int) override { return ++hooks, true; }
+  } reader;
+  reader.fault = h.fault;
+  SocketPair pair;
+  auto fd = Platform::getFdControl(&reader, root, TaskPriority::normal, "fd");
+  reader.readControl = fd.get();
+  for (int round = 1; round <= 3; ++round) {
+    pair.put();
+    fd->setReads(true);
+    fd->setFd(pair.fd[0]);
+    EXPECT_EQ(drainLoop(), 0);
+    EXPECT_EQ(reader.reads, round);
+    EXPECT_EQ(reader.hooks, round);
+  }
 }
 
 // A notification that destroys its own control and whose exception hook then throws: the
