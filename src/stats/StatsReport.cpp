@@ -65,9 +65,7 @@ const char* plural(unsigned n) {
 }  // namespace
 
 std::ostream& operator<<(std::ostream& os, const DisplayTaskTimeStamp& stamp) {
-  // Decimal whatever the stream's base; a width set by the caller applies to the whole stamp.
-  auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(stamp.when.time_since_epoch());
-  return os << std::to_string(ns.count()) + "ns";
+  return os << std::chrono::duration_cast<std::chrono::nanoseconds>(stamp.when.time_since_epoch());
 }
 
 void taskSchedulerDisplay(std::ostream& os, std::vector<TaskStat>& stats, std::string title,

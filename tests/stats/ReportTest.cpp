@@ -137,8 +137,8 @@ TEST(ReportTest, TablesSortTruncateSkipShowDeadRecordsAndPlaceholdersOnACleanStr
 
   os.str("");
   os.width(0);  // still std::hex: the stamp is decimal all the same
-  os << DisplayTaskTimeStamp{TaskTimePoint(1234567ns)};
-  EXPECT_EQ(os.str(), "1234567ns");
+  os << DisplayTaskTimeStamp{TaskTimePoint(1234567ns)} << ' ' << -42ns;
+  EXPECT_EQ(os.str(), "1234567ns -42ns");
 }
 
 TEST(QueueStatsTest, CountsFollowRegistrationRunsAndDeathsAndSumOverTheTree) {
@@ -218,6 +218,15 @@ TEST(ResetStatsTest, IncrementalResetTakesOneStepPerTaskAndClearsQueueFiguresLas
   EXPECT_EQ(root->deadTasksPerPriority(P::low), 0u);
   EXPECT_EQ(root->deadTaskStatForTest("dead").taskDeadCount(), 0u);
   EXPECT_EQ(root->resetStatsTask()->taskWorkCountHighWaterMark().value(), 1u);
+
+  // A group that admits one priority resets through a task of that priority; the root
+  // reports the group's reset as its own.
+  auto strict = TaskGroupIs("strict", P::high, true, root);
+  strict->resetStats();
+  EXPECT_EQ(strict->resetStatsTask()->taskPriority(), P::high);
+  EXPECT_TRUE(root->resetStatsInProgress());
+  root->runUntilIdle();
+  EXPECT_FALSE(root->resetStatsInProgress());
 
   // clearStats resets everything at once.
   tasks[0]->scheduleTask();
