@@ -75,6 +75,29 @@ memcheck: build
 	$(MEMCHECK) ./build/default/tarvo-demo >/dev/null
 	$(foreach p,$(STRESS_PROGRAMS),$(MEMCHECK) ./build/default/tests/stress/$(p) $(MEMCHECK_COUNT_$(p)) &&) true
 
+.PHONY: package
+# Debian packages libtarvo0 and libtarvo-dev (cmake/Packaging.cmake), left in build/default.
+package: deps
+	cmake --preset default
+	cmake --build --preset default -j $(JOBS) --target Tarvo
+	cd build/default && cpack -G DEB
+
+.PHONY: docs
+# API reference of include/Tarvo in build/docs/html. Doxygen's warnings (an undocumented public
+# member, a broken reference) fail the target and are printed.
+docs: deps
+	mkdir -p build/docs
+	sed -e "s|@PROJECT_VERSION@|$$(sed -n 's/^project(Tarvo VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)|" \
+	    -e "s|@DOCS_OUTPUT@|$(CURDIR)/build/docs|" -e "s|@SOURCE_DIR@|$(CURDIR)|" \
+	    docs/Doxyfile.in > build/docs/Doxyfile
+	cd build/docs && doxygen Doxyfile || { cat warnings.log; exit 1; }
+	@echo "API reference: build/docs/html/index.html"
+
+.PHONY: plots
+# Runs the scaling benchmarks (JSON under build/plots) and draws them into docs/perf/*.svg.
+plots: build
+	scripts/plot-bench build/default/bench build/plots docs/perf
+
 format:
 	clang-format -i $$(git ls-files '*.h' '*.cpp')
 
