@@ -137,9 +137,10 @@ class FileDescriptorTask : public _TaskBase, private Platform::FdEventHandler {
 
   // The watched descriptor, -1 when none.
   int taskWatchFd() const;
-  // Watches `fd` for the directions switched on. Another descriptor than the watched one
-  // first unschedules both sub-tasks: readiness of the old one means nothing any more.
-  // Throws AssertException (and changes nothing) when `fd` is negative or not open.
+  // Watches `fd` for the directions switched on. The watched descriptor (or -1 when none is
+  // watched) changes nothing. Another descriptor first unschedules both sub-tasks: readiness
+  // of the old one means nothing any more. Throws AssertException (and changes nothing) when
+  // another `fd` is negative or not open.
   void taskWatchFdIs(int fd);
   // Stops watching and forgets the descriptor; unschedules both sub-tasks.
   void taskWatchFdDel();
@@ -181,7 +182,8 @@ class FileDescriptorTask : public _TaskBase, private Platform::FdEventHandler {
   bool taskScheduledWritable() const;
   // Totals, decaying averages ((9 * avg + n) / 10 after the first sample) and high-water
   // marks of the counts reported in each direction. The read side's mark is 4294967295 until
-  // its first count; without a write task the write side reads 0.
+  // its first count; a count of 2^32 or more sets it to its low 32 bits (see
+  // TaskImpl::taskWorkCountInc()). Without a write task the write side reads 0.
   uint64_t taskWorkCountReadableTotal() const;
   float taskWorkCountReadableDecayAvg() const;
   uint32_t taskWorkCountReadableHighWaterMark() const;

@@ -131,7 +131,8 @@ class TaskImpl : public _TaskBase {
   // applies the real-time rule before the first run and ends the process after one.
   bool taskShouldYield() const override;
   // Reports `n` units of work done in this run: last count, total, decaying average
-  // ((9 * avg + n) / 10 after the first) and high-water mark.
+  // ((9 * avg + n) / 10 after the first) and high-water mark. A count of 2^32 or more sets
+  // the mark to its low 32 bits, even when that lowers it (4294967295 is kept as 4294967294).
   void taskWorkCountInc(unsigned long long n) override;
   // Reports `n` units of work still waiting, with its high-water mark.
   void taskWorkPendingIs(unsigned n) override;
@@ -233,7 +234,6 @@ class TaskImpl : public _TaskBase {
   uint64_t taskWorkCountLast_ = 0;
   uint64_t taskWorkCountTotal_ = 0;
   float taskWorkCountDecayAvg_ = 0;
-  bool taskWorkCountSampled_ = false;
   TaskMaybeU32 taskWorkCountHighWaterMark_;
   uint32_t taskWorkPending_ = 0;
   TaskMaybeU32 taskWorkPendingHighWaterMark_;
@@ -495,7 +495,7 @@ class TaskSchedulerRoot : public TaskScheduler {
   // answers the seconds left (+infinity when not armed) and timerExpiry the expiry
   // (TaskTimePoint::max() when not armed). A subclass with timers overrides all five and
   // calls timerExpired() when a timer expires; this class has none and throws
-  // UnimplementedException.
+  // UnimplementedException. The event-loop and manual roots begin each with the thread check.
   virtual bool timerStart(TimerTask& timer, double seconds, bool restart);
   virtual bool timerStart(TimerTask& timer, nanoseconds delay, bool restart);
   virtual void timerStop(TimerTask& timer);
@@ -671,7 +671,8 @@ class TaskSchedulerRootManual : public TaskSchedulerRoot {
   void timerCreated(TimerTask& timer) override;
   void timerDestroyed(TimerTask& timer) override;
   // The seconds form converts to nanoseconds; delays at or below zero (and NaN) expire at
-  // the current manual time, delays beyond the clock's range never.
+  // the current manual time, delays beyond the clock's range never (their remaining time is
+  // +infinity, and not even advanceBy(nanoseconds::max()) fires them).
   bool timerStart(TimerTask& timer, double seconds, bool restart) override;
   bool timerStart(TimerTask& timer, nanoseconds delay, bool restart) override;
   void timerStop(TimerTask& timer) override;
