@@ -71,14 +71,18 @@
 
 namespace Tarvo {
 
+// Readiness of one descriptor turned into a read task and a write task; see the top of this
+// file.
 class FileDescriptorTask : public _TaskBase, private Platform::FdEventHandler {
  public:
+  // Quanta of the sub-tasks.
   using nanoseconds = std::chrono::nanoseconds;
 
   // A sub-task: a plain task that knows its owner until the owner is destroyed. Its busy
   // state is reported to the owner, which is busy while either direction is scheduled.
   class ReadWriteTaskBase : public Task {
    public:
+    // A sub-task of `owner` in `scheduler`; the owner, until the owner is destroyed.
     ReadWriteTaskBase(std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority,
                       const std::string& name, FileDescriptorTask* owner);
     FileDescriptorTask* owner() const noexcept { return owner_; }
@@ -156,6 +160,7 @@ class FileDescriptorTask : public _TaskBase, private Platform::FdEventHandler {
 
   // ---- Settings forwarded to both sub-tasks ----
 
+  // The quantum, the suspension and the forced test yield of both sub-tasks.
   void taskQuantumIs(nanoseconds q);
   void taskSuspendedIs(bool suspended);
   void taskForceYieldInTestIs(bool on);
@@ -172,6 +177,7 @@ class FileDescriptorTask : public _TaskBase, private Platform::FdEventHandler {
 
   // ---- Status and work counts per direction ----
 
+  // Whether the read task / the write task is scheduled.
   bool taskScheduledReadable() const;
   bool taskScheduledWritable() const;
   // Totals, decaying averages ((9 * avg + n) / 10 after the first sample) and high-water
