@@ -109,9 +109,9 @@ class ListImpl {
   ListImpl() = default;
   ListImpl(const ListImpl&) = delete;
   ListImpl& operator=(const ListImpl&) = delete;
-  virtual ~ListImpl() = default;
-
+  // Declared before the destructor: its virtual slot comes first, as in every list class.
   virtual bool isBookmark(const LinkNode&) const { return false; }
+  virtual ~ListImpl() = default;
 
   bool empty() const { return list_.empty(); }
 

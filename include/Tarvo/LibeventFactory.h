@@ -11,7 +11,8 @@
 // offset, except the fast-forward switch and the WAITFOR_DEFAULT value, which are
 // process-wide and safe to read from any thread.
 //
-// All trace lines of this layer go to the "TarvoLibevent" trace handler.
+// All trace lines of this layer go to the "TarvoLibevent" trace handler. Its AssertExceptions
+// are only thrown, never traced: the catcher decides whether they are worth a line.
 #pragma once
 
 #include <sys/time.h>
@@ -139,9 +140,13 @@ class LibeventTimerControl : public Platform::TimerControl, private Impl::LeCont
   LibeventTimerControl(const LibeventTimerControl&) = delete;
   LibeventTimerControl& operator=(const LibeventTimerControl&) = delete;
 
+  // A non-zero delay is measured from the precise monotonic clock, so the timer never
+  // expires early (libevent's own coarse clock may make it late by up to one tick, 4 ms at
+  // 250 Hz).
   void setTimeout(double seconds) override;
   void delTimeout() override;
-  // Measured against the wall clock; the virtual time offset is not added.
+  // Measured against the precise monotonic clock, to the microsecond; fast-forward shortens
+  // it by the advance (the virtual time offset itself is not added).
   double remainingTimeout() const override;
 
   // Delivers an expiry to the handler under the exception contract.

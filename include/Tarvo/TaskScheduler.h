@@ -52,7 +52,9 @@ class TaskSchedulerRoot;
 class TimerTask;
 
 // Identity, scheduler link, priority, names and busy state shared by every kind of task.
-// Owned through std::shared_ptr; a task keeps its scheduler alive.
+// Owned through std::shared_ptr; a task keeps its scheduler alive. A task that no
+// std::shared_ptr owns cannot be held through its run: the scheduler run that picks it throws
+// std::bad_weak_ptr and drops it (it is no longer queued), and the other tasks run on.
 class _TaskBase : public std::enable_shared_from_this<_TaskBase> {
  public:
   _TaskBase(const _TaskBase&) = delete;
@@ -103,7 +105,9 @@ class _TaskBase : public std::enable_shared_from_this<_TaskBase> {
   bool taskBusy_ = false;
 };
 
-// "<name>@<key>" for trace lines; "NULL" for a null task.
+// "<name>@<key>" for trace lines; "NULL" for a null task. "<count>ns" for a duration. Each
+// is written as one piece of text: the stream's number format does not apply, and a width
+// set by the caller pads the whole text.
 std::ostream& operator<<(std::ostream& os, const _TaskBase* task);
 std::ostream& operator<<(std::ostream& os, const std::chrono::nanoseconds& d);
 
@@ -364,8 +368,10 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
   const std::shared_ptr<TaskImpl>& resetStatsTask() const noexcept { return resetStatsTask_; }
 
   nanoseconds defaultTaskQuantum() const noexcept { return defaultTaskQuantum_; }
-  // The quantum of tasks created from now on; existing tasks keep theirs.
-  void defaultTaskQuantumIs(nanoseconds q) noexcept { defaultTaskQuantum_ = q; }
+  // The quantum of tasks created from now on; existing tasks keep theirs. Zero makes their
+  // taskShouldYield() answer true at once and counts no quantum violations. A negative
+  // quantum throws AssertException "Quantum: <q>" and leaves the default as it was.
+  void defaultTaskQuantumIs(nanoseconds q);
 
   void taskRunQueuesMovePersistentToTemporary();
   void taskRunQueuesMoveTemporaryToPersistent();
@@ -511,7 +517,8 @@ class TaskSchedulerRoot : public TaskScheduler {
   void historyEntryCountIs(unsigned capacity);
   void clearHistory();
   // Writes the newest events first, at most `limit` of them, with absolute time stamps and
-  // microseconds before the newest event.
+  // microseconds before the newest event. The layout does not depend on the format the caller
+  // left on `os` (base, fill, adjustment, width, locale), and that format is kept.
   void printHistory(std::ostream& os, unsigned limit) const;
   void printHistoryStdErr() const;
   // True while any scheduler of the tree is resetting its statistics.

@@ -33,7 +33,9 @@
 // first checks that nobody published since it read the parameters it is replacing. While one
 // thread publishes, readers past the span answer the value at its end: time stands still for
 // them until the new set is out (a few dozen nanoseconds, unless the publishing thread loses
-// its processor in between).
+// its processor in between). A read that interrupts its own thread inside the try-lock (from
+// a signal handler) never waits and never takes the lock: it answers the same way (the span's
+// end, or the reference clock while calibrating), so it is safe in a signal handler.
 //
 // `Source` supplies five static functions: `uint64_t cycles()`, `int64_t referenceNs()`,
 // `bool cyclesUsable()` (false makes every read the reference clock), and for the try-lock
@@ -307,23 +309,31 @@ class CycleClock {
     active_.store(next, std::memory_order_release);
   }
 
-  // The try-lock records the thread that holds it. A thread never meets its own id there (it
-  // lets go before it returns), and a live holder is a thread of this process; anything else
-  // was inherited from the parent by a forked child (of any kind of fork: the memory is copied,
-  // the threads but the forking one are not, and an id may come round again in the child). The
-  // child takes such a lock over and completes the slot its holder may have been writing (the
-  // inactive slot, written in full before it is made active). Memory shared with another
-  // process (vfork, CLONE_VM) is not supported. The lock is tested before it is exchanged, so
-  // that readers waiting on a resync do not fight over the line.
+  // The try-lock records the thread that holds it, and each thread remembers which clock's
+  // lock it holds itself (`heldHere_`). A read on a thread that holds the lock interrupted
+  // that thread's own locked section (a signal handler): it must neither wait for nor take
+  // over a lock that only the interrupted code will release, so tryLock() refuses it and the
+  // read answers as a reader of another thread would. A live holder is a thread of this
+  // process; anything else was inherited from the parent by a forked child (of any kind of
+  // fork: the memory is copied, the threads but the forking one are not, and an id may come
+  // round again in the child, where the thread then does not hold it). The child takes such a
+  // lock over and completes the slot its holder may have been writing (the inactive slot,
+  // written in full before it is made active). Memory shared with another process (vfork,
+  // CLONE_VM) is not supported. The lock is tested before it is exchanged, so that readers
+  // waiting on a resync do not fight over the line.
   static bool lockedByAnother(int32_t holder) noexcept {
     return holder != 0 && holder != Source::threadId() && Source::threadAlive(holder);
   }
   bool tryLock() noexcept {
+    if (heldHere_ == this) {
+      return false;
+    }
     int32_t holder = owner_.load(std::memory_order_relaxed);
     if (lockedByAnother(holder) ||
         !owner_.compare_exchange_strong(holder, Source::threadId(), std::memory_order_acquire)) {
       return false;
     }
+    heldHere_ = this;
     if (holder != 0) {
       for (Slot& slot : slots_) {
         uint64_t sequence = slot.sequence.load(std::memory_order_relaxed);
@@ -334,7 +344,12 @@ class CycleClock {
     }
     return true;
   }
-  void unlock() noexcept { owner_.store(0, std::memory_order_release); }
+  void unlock() noexcept {
+    owner_.store(0, std::memory_order_release);
+    heldHere_ = nullptr;
+  }
+
+  static inline thread_local const CycleClock* heldHere_ = nullptr;
 
   std::atomic<uint8_t> active_{kNone};
   std::atomic<int32_t> owner_{0};  // thread id of the try-lock's holder, 0 when free

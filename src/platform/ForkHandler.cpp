@@ -10,6 +10,7 @@
 
 #include "Tarvo/Exception.h"
 #include "Tarvo/LibeventFactory.h"
+#include "Tarvo/Platform.h"
 #include "platform/LocoFork.h"
 
 namespace Tarvo::Platform {
@@ -19,6 +20,9 @@ std::atomic<bool> forkedChild{false};
 
 void handleFork() {
   forkedChild.store(true, std::memory_order_relaxed);
+  // The forking thread is the child's only thread, so its main thread, whichever thread of
+  // the parent it was.
+  setMainThread();
   locoAfterFork();
   // The forking thread's event base shares its kernel state with the parent's until it is
   // re-initialised; the other threads, and their bases, do not exist in the child.

@@ -1,7 +1,9 @@
 // The libevent implementations of the three platform controls.
 #include <event2/event.h>
+#include <event2/event_struct.h>
 #include <fcntl.h>
 #include <sys/time.h>
+#include <time.h>
 
 #include <cmath>
 #include <exception>
@@ -22,8 +24,7 @@ Platform::DebugHandler* const traceHandler = leDebugHandler();
 
 void requireHandler(const void* handler, const char* function, int line) {
   if (handler == nullptr) {
-    debugAndThrowAssertException(traceHandler, 0, "a control needs a handler", kSource, function,
-                                 line);
+    debugAndThrowAssertException(nullptr, 0, "a control needs a handler", kSource, function, line);
   }
 }
 
@@ -38,6 +39,35 @@ event* newEvent(event_callback_fn callback, void* control) {
 void addEvent(event* ev, const timeval* timeout) {
   if (event_add(ev, timeout) != 0) {
     RuntimeException::throwException("event_add failed");
+  }
+}
+
+timeval monotonicNow() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return {now.tv_sec, static_cast<suseconds_t>(now.tv_nsec / 1000)};
+}
+
+// Arms `ev` to expire `delay` from now. libevent stamps an expiry from its own monotonic
+// clock: the kernel's coarse clock, which moves in ticks (4 ms at 250 Hz), read once per loop
+// pass inside the loop. That stamp can lie a tick or a whole pass in the past, so the timer
+// would expire early and remainingTimeout() would be short by as much; the expiry libevent
+// chose (kept in the event, on the monotonic scale) is compared with the precise clock and
+// the difference added. A zero delay needs no correction: such a timer is due at once.
+void addTimer(event* ev, const timeval& delay) {
+  if (delay.tv_sec == 0 && delay.tv_usec == 0) {
+    addEvent(ev, &delay);
+    return;
+  }
+  timeval wanted;
+  timeval now = monotonicNow();
+  timeradd(&now, &delay, &wanted);
+  addEvent(ev, &delay);
+  if (timercmp(&ev->ev_timeout, &wanted, <)) {
+    timeval behind, corrected;
+    timersub(&wanted, &ev->ev_timeout, &behind);
+    timeradd(&delay, &behind, &corrected);
+    addEvent(ev, &corrected);
   }
 }
 
@@ -164,7 +194,7 @@ void LibeventTimerControl::setTimeout(double seconds) {
   // The event was assigned to the thread's base at construction, and that base outlives
   // every control of the thread, so it is simply added again. Adding a pending (or fired,
   // not yet delivered) event replaces its expiry in one step, without a removal first.
-  addEvent(timer_.get(), &delay);
+  addTimer(timer_.get(), delay);
   armed_ = true;
 }
 
@@ -181,12 +211,14 @@ bool LibeventTimerControl::timerPending() const {
 }
 
 double LibeventTimerControl::remainingTimeout() const {
-  timeval expiry;
-  if (!(event_pending(timer_.get(), EV_TIMEOUT, &expiry) & EV_TIMEOUT)) {
+  if (!timerPending()) {
     return HUGE_VAL;
   }
-  timeval now;
-  gettimeofday(&now, nullptr);
+  // The expiry as libevent keeps it, on the monotonic scale (the wall clock libevent would
+  // report it on is derived from its coarse clock, off by up to a tick). Fast-forward moves
+  // it like any other expiry.
+  const timeval& expiry = timer_->ev_timeout;
+  timeval now = monotonicNow();
   if (!timercmp(&expiry, &now, >)) {
     return 0;
   }

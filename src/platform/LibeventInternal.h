@@ -32,7 +32,8 @@ TARVO_INTERNAL void leParkException(std::exception_ptr exception);
 TARVO_INTERNAL bool leSplitSeconds(double seconds, timeval* out);
 
 // Makes every pending timer of the thread's base due `advance` sooner and adds `advance` to
-// the thread's virtual time offset. A zero advance does nothing.
+// the thread's virtual time offset; traced at level 2 of "TarvoLibevent", a zero advance
+// too (it moves nothing).
 TARVO_INTERNAL void leAdvance(const timeval& advance);
 
 }  // namespace Tarvo

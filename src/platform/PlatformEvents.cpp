@@ -2,7 +2,6 @@
 #include "Tarvo/Exception.h"
 #include "Tarvo/LibeventFactory.h"
 #include "Tarvo/Platform.h"
-#include "platform/LibeventInternal.h"
 
 namespace Tarvo::Platform {
 
@@ -52,12 +51,12 @@ bool fastForward() {
 
 void refCountingEnabledIs(bool) {
   debugAndThrowAssertException(
-      leDebugHandler(), 0, "Tarvo::Platform::refCountingEnabledIs() not available in libTarvo.so",
+      nullptr, 0, "Tarvo::Platform::refCountingEnabledIs() not available in libTarvo.so",
       "Platform", __func__, __LINE__);
 }
 
 bool refCountingEnabled() {
-  debugAndThrowAssertException(leDebugHandler(), 0,
+  debugAndThrowAssertException(nullptr, 0,
                                "Tarvo::Platform::refCountingEnabled() not available in libTarvo.so",
                                "Platform", __func__, __LINE__);
 }

@@ -39,8 +39,8 @@ double leVirtualTimeOffset() {
 void setLeFastForward(bool on) {
   leInit();
   if (!Platform::mainThreadFlag()) {
-    debugAndThrowAssertException(leDebugHandler(), 0, "FastForward invoked from non-main thread",
-                                 kSource, __func__, __LINE__);
+    debugAndThrowAssertException(nullptr, 0, "FastForward invoked from non-main thread", kSource,
+                                 __func__, __LINE__);
   }
   fastForwardOn.store(on, std::memory_order_relaxed);
 }
@@ -51,8 +51,8 @@ bool leFastForward() {
 
 bool fastForwardDelayToFirstTimer(timeval* delay) {
   if (!leFastForward()) {
-    debugAndThrowAssertException(leDebugHandler(), 0, "Called without fast forward enabled",
-                                 kSource, __func__, __LINE__);
+    debugAndThrowAssertException(nullptr, 0, "Called without fast forward enabled", kSource,
+                                 __func__, __LINE__);
   }
   event_base* base = leBaseOrInit();
   timeval first;
@@ -72,17 +72,16 @@ bool fastForwardDelayToFirstTimer(timeval* delay) {
 }
 
 void leAdvance(const timeval& advance) {
-  if (advance.tv_sec == 0 && advance.tv_usec == 0) {
-    return;
-  }
-  if (event_base_timeout_subtract_offset(leBaseOrInit(), &advance) != 0) {
-    RuntimeException::throwException("cannot move the event base's timers");
-  }
-  virtualOffset.tv_sec += advance.tv_sec;
-  virtualOffset.tv_usec += advance.tv_usec;
-  if (virtualOffset.tv_usec > 999999) {
-    virtualOffset.tv_usec -= 1000000;
-    ++virtualOffset.tv_sec;
+  if (advance.tv_sec != 0 || advance.tv_usec != 0) {
+    if (event_base_timeout_subtract_offset(leBaseOrInit(), &advance) != 0) {
+      RuntimeException::throwException("cannot move the event base's timers");
+    }
+    virtualOffset.tv_sec += advance.tv_sec;
+    virtualOffset.tv_usec += advance.tv_usec;
+    if (virtualOffset.tv_usec > 999999) {
+      virtualOffset.tv_usec -= 1000000;
+      ++virtualOffset.tv_sec;
+    }
   }
   TARVO_TRACE(
       leDebugHandler(), 2,

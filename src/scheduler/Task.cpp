@@ -1,4 +1,6 @@
+#include <charconv>
 #include <exception>
+#include <string_view>
 
 #include "Tarvo/Exception.h"
 #include "Tarvo/TaskScheduler.h"
@@ -36,16 +38,21 @@ void _TaskBase::taskBusyChanged(bool busy, const TaskTimePoint& now) {
   handleTaskBusy();
 }
 
+// Both print one piece of text, so that a width the caller set pads it as a whole and no
+// number format of the stream applies.
 std::ostream& operator<<(std::ostream& os, const _TaskBase* task) {
   if (!task) {
     return os << "NULL";
   }
-  return os << task->taskName() << TaskKey(task).toStrep();
+  return os << task->taskName().str() + TaskKey(task).toStrep();
 }
 
 std::ostream& operator<<(std::ostream& os, const std::chrono::nanoseconds& d) {
-  // Decimal whatever the stream's base; a width set by the caller applies to the whole text.
-  return os << std::to_string(d.count()) + "ns";
+  char text[32];
+  auto [end, ec] = std::to_chars(text, text + sizeof text - 2, d.count());
+  end[0] = 'n';
+  end[1] = 's';
+  return os << std::string_view(text, end + 2 - text);
 }
 
 // ---- TaskImpl ----

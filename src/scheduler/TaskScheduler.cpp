@@ -135,11 +135,13 @@ void TaskScheduler::handleSchedulerRun() {
       scheduler->currentTaskRef_.reset();
     }
   };
-  currentTaskRef_ = task->shared_from_this();
-  currentTaskKey_ = TaskKey(static_cast<const _TaskBase*>(task));
   CurrentTaskClear clear{this};
   TaskTimePoint runEnd;
   try {
+    // Throws std::bad_weak_ptr for a task that no std::shared_ptr owns (or whose owner is
+    // destroying it); the task, already off its queue, is then dropped.
+    currentTaskRef_ = task->shared_from_this();
+    currentTaskKey_ = TaskKey(static_cast<const _TaskBase*>(task));
     task->taskDoRun(schedulerRunStartTime_, &runEnd);
   } catch (...) {
     // This scheduler still counts itself runnable, so a later scheduleTask() would request
@@ -266,6 +268,14 @@ size_t TaskScheduler::registeredTaskCount() const {
     ++n;
   }
   return n;
+}
+
+void TaskScheduler::defaultTaskQuantumIs(nanoseconds q) {
+  if (q.count() < 0) {
+    debugAndThrowAssertException(nullptr, 0, concat("Quantum: ", q), "TaskScheduler",
+                                 "defaultTaskQuantumIs", __LINE__);
+  }
+  defaultTaskQuantum_ = q;
 }
 
 void TaskScheduler::taskRunQueuesMovePersistentToTemporary() {

@@ -4,6 +4,7 @@
 
 #include "Tarvo/Exception.h"
 #include "Tarvo/TaskScheduler.h"
+#include "stats/StreamFormatGuard.h"
 
 namespace Tarvo {
 
@@ -70,6 +71,7 @@ void TaskSchedulerHistory::capacityIs(unsigned capacity) {
 }
 
 void TaskSchedulerHistory::print(std::ostream& os, unsigned limit) const {
+  StreamFormatGuard clean(os);
   unsigned n = std::min(capacity(), limit);
   std::string header = "Last " + std::to_string(n) +
                        " scheduler events, absolute timestamp and relative to last event";

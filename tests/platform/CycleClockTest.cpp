@@ -1,4 +1,7 @@
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -11,6 +14,7 @@
 #include <thread>
 
 #include "Tarvo/TaskClock.h"
+#include "common/TestSupport.h"
 #include "platform/CycleClock.h"
 #include "platform/ProcessClock.h"
 
@@ -161,23 +165,25 @@ TEST(CycleClock, AResyncThatLostTheRaceReadsAgain) {
 TEST(CycleClock, AChildForkedWhileTheClockIsLockedTakesItOver) {
   // The process forks while its thread 100 holds the clock's lock (inside the first read's
   // calibration sample): the child has the clock's memory, lock held, but not the holder. Its
-  // thread gets a new id, or in a new pid namespace perhaps the same one. Either way the child
-  // must calibrate and then run on the counter; and a lock held by a live thread of the
-  // process is left alone.
+  // thread (another real thread here, since the child's thread holds nothing) gets a new id,
+  // or in a new pid namespace perhaps the same one. Either way the child must calibrate and
+  // then run on the counter; and a lock held by a live thread of the process is left alone.
   for (int32_t childTid : {200, 100}) {
     FakeSource::reset(true);
     FakeClock clock;
     int64_t childStart = 0;
     int64_t childRead = 0;
     FakeSource::interrupt = [&] {
-      FakeSource::tid = childTid;
-      for (int i = 0; i < 3; ++i) {
-        FakeSource::advance(5 * kMs);
-        clock.nowNs();
-      }
-      childStart = clock.nowNs();
-      FakeSource::counter += 3 * kMs;
-      childRead = clock.nowNs();
+      std::thread([&] {
+        FakeSource::tid = childTid;
+        for (int i = 0; i < 3; ++i) {
+          FakeSource::advance(5 * kMs);
+          clock.nowNs();
+        }
+        childStart = clock.nowNs();
+        FakeSource::counter += 3 * kMs;
+        childRead = clock.nowNs();
+      }).join();
     };
     FakeSource::readsBeforeInterrupt = 0;
     clock.nowNs();
@@ -186,17 +192,67 @@ TEST(CycleClock, AChildForkedWhileTheClockIsLockedTakesItOver) {
   FakeSource::reset(true);
   FakeClock clock;
   FakeSource::interrupt = [&] {
-    FakeSource::tid = 101;
-    FakeSource::otherThread = 100;
-    for (int i = 0; i < 3; ++i) {
-      FakeSource::advance(5 * kMs);
-      clock.nowNs();
-    }
-    FakeSource::counter += 3 * kMs;
-    EXPECT_EQ(clock.nowNs(), FakeSource::reference) << "still calibrating: the lock is held";
+    std::thread([&] {
+      FakeSource::tid = 101;
+      FakeSource::otherThread = 100;
+      for (int i = 0; i < 3; ++i) {
+        FakeSource::advance(5 * kMs);
+        clock.nowNs();
+      }
+      FakeSource::counter += 3 * kMs;
+      EXPECT_EQ(clock.nowNs(), FakeSource::reference) << "still calibrating: the lock is held";
+    }).join();
   };
   FakeSource::readsBeforeInterrupt = 0;
   clock.nowNs();
+}
+
+FakeClock* signalledClock = nullptr;
+volatile sig_atomic_t handlerReads = 0;
+
+void readInHandler(int) {
+  signalledClock->nowNs();
+  handlerReads = handlerReads + 1;
+}
+
+TEST(CycleClock, ASignalHandlerReadingMidResyncNeitherWaitsNorBreaksTheClock) {
+  // Every read of the loop below resyncs, while another thread keeps signalling this one and
+  // the handler reads the clock too, so handlers land inside publications. In a child, so
+  // that a hang ends in the alarm instead of stalling the suite.
+  auto child = Tarvo::Test::runInChild([] {
+    alarm(10);
+    FakeSource::reset(true);
+    FakeClock clock;
+    signalledClock = &clock;
+    int64_t previous = 0;
+    followFor(clock, 20, 0, 0, &previous);
+    signal(SIGUSR1, readInHandler);
+    pthread_t self = pthread_self();
+    std::atomic<bool> stop{false};
+    std::thread sender([&] {
+      while (!stop) {
+        pthread_kill(self, SIGUSR1);
+      }
+    });
+    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+    int wentBack = 0;
+    while (handlerReads < 50000 && std::chrono::steady_clock::now() < end) {
+      FakeSource::advance(FakeClock::kResyncNs);
+      int64_t now = clock.nowNs();
+      wentBack += now < previous;
+      previous = now;
+    }
+    stop = true;
+    sender.join();
+    signal(SIGUSR1, SIG_DFL);
+    FakeSource::advance(kMs);
+    int64_t step = clock.nowNs() - previous;
+    std::printf("handler reads %d, went back %d, last step %lld\n", int(handlerReads), wentBack,
+                static_cast<long long>(step));
+    return wentBack == 0 && handlerReads > 0 && std::abs(step - kMs) <= 1 ? 0 : 1;
+  });
+  EXPECT_EQ(child.signal, 0) << child.out;
+  EXPECT_EQ(child.exitCode, 0) << child.out;
 }
 
 TEST(CycleClock, FallsBackToTheReferenceWhenTheCounterTurnsUnusable) {

@@ -8,7 +8,9 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <functional>
 #include <iostream>
+#include <string>
 #include <thread>
 #include <utility>
 
@@ -136,6 +138,23 @@ TEST(LibeventTimerControl, RemainingTimeoutFollowsArmingTimedRunsEndAndReArmingW
   EXPECT_EQ(recorder.timeouts, 6);
 }
 
+TEST(LibeventTimerControl, RemainingTimeoutIsExactToTheMicrosecondAcrossClockTicks) {
+  // libevent's coarse clock moves in ticks of several milliseconds; sampled over 20 ms, the
+  // remaining time of a fresh one-second timer must never be short by more than the time
+  // spent between the two calls.
+  Recorder recorder;
+  auto control = Platform::getTimerControl(&recorder);
+  double worst = 0;
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(20);
+  while (std::chrono::steady_clock::now() < end) {
+    control->setTimeout(1.0);
+    worst = std::max(worst, 1.0 - control->remainingTimeout());
+  }
+  EXPECT_LT(worst, 0.0005);
+  control->setTimeout(0);
+  EXPECT_EQ(control->remainingTimeout(), 0);
+}
+
 TEST(LibeventCallbackControl, RequestsCoalesceAndCancelWithdraws) {
   Recorder recorder;
   auto control = Platform::getCallbackControl(&recorder);
@@ -256,13 +275,14 @@ TEST(LibeventBase, WaitForDefaultIsReadOnceAndABadValueIsReported) {
 }
 
 // The child's timed run also shows that such a run ends once nothing is left to wait for.
-TEST(LibeventLoop, ForkedChildReinitialisesItsBaseAndKeepsItsEvents) {
+TEST(LibeventLoop, ForkedChildHasItsBaseReinitialisedAndKeepsItsEvents) {
   Sockets sockets;
   Recorder reader, timer;
   auto control = Platform::getFdControl(&reader);
   control->setFd(sockets.in());
   ChildResult child = runInChild([&] {
-    leForkReinit();
+    // The fork handler has re-initialised the base: without that, the child's change of
+    // interest would reach the parent's kernel registration too.
     reader.action = [&] { control->setReads(false); };  // then only the timer is left
     auto timerControl = Platform::getTimerControl(&timer);
     timerControl->setTimeout(0.01);
@@ -331,6 +351,96 @@ TEST(FastForward, TimedFormsAdvanceBySpanOrFirstTimerAndReturnAtOnce) {
   EXPECT_EQ(delay.tv_sec + delay.tv_usec, 0);
   Platform::setFastForward(false);
   EXPECT_THROW(fastForwardDelayToFirstTimer(&delay), AssertException);
+}
+
+TEST(FastForward, ChildForkedFromAnotherThreadRunsADescriptorAndATimerPendingTogether) {
+  std::thread([] {
+    leInit();  // this thread's base: it is not the main thread
+    Sockets sockets;
+    ChildResult child = runInChild([&] {
+      Platform::setFastForward(true);  // the child's only thread is its main thread
+      Recorder reader, timer;
+      auto fd = Platform::getFdControl(&reader);
+      auto timerControl = Platform::getTimerControl(&timer);
+      reader.action = [&] { fd->setReads(false); };
+      fd->setFd(sockets.in());
+      timerControl->setTimeout(30);
+      sockets.put();
+      const double before = Tarvo::time();
+      Platform::doEventLoop();  // the readable descriptor and the timer, without sleeping
+      std::cout << reader.reads << timer.timeouts << " " << std::round(Tarvo::time() - before);
+      return 0;
+    });
+    EXPECT_EQ(child.out, "11 30") << child.err;
+  }).join();
+}
+
+// The layer's trace lines and assertions, seen on the standard error stream of a child.
+TEST(LibeventTrace, LogSeveritiesMapToLevelsAndAssertionsAreThrownNotTraced) {
+  ChildResult child = runInChild([] {
+    Platform::clearTraceFormat();
+    Platform::setupTarvoDebug("TarvoLibevent/25");  // an exact setting, then without 0 and 1
+    Platform::clearTarvoDebug("TarvoLibevent/01");
+    for (int severity : {EVENT_LOG_DEBUG, EVENT_LOG_MSG, EVENT_LOG_WARN, EVENT_LOG_ERR}) {
+      le_debug_cb(severity, std::to_string(severity).c_str());
+    }
+    le_debug_cb(EVENT_LOG_MSG, nullptr);
+    Platform::setFastForward(true);
+    Platform::doEventLoop(0.0);  // a zero advance is traced too
+    Platform::setupTarvoDebug("TarvoLibevent/01");
+    le_debug_cb(EVENT_LOG_ERR, "error");
+    std::vector<std::function<void()>> asserting = {
+        [] { le_debug_cb(7, "odd"); },
+        [] { le_fatal_cb(12); },
+        [] { Platform::refCountingEnabledIs(true); },
+        [] { Platform::refCountingEnabled(); },
+        [] {
+          event_base* other = event_base_new();
+          const std::shared_ptr<event_base> freeIt(other, event_base_free);
+          leRegisterBase(other);
+        },
+        [] {
+          std::exception_ptr thrown;
+          std::thread([&] {
+            try {
+              Platform::setFastForward(false);
+            } catch (...) {
+              thrown = std::current_exception();
+            }
+          }).join();
+          std::rethrow_exception(thrown);
+        },
+        [] {
+          Platform::setFastForward(false);
+          timeval delay;
+          fastForwardDelayToFirstTimer(&delay);
+        },
+    };
+    for (const auto& call : asserting) {
+      try {
+        call();
+        std::cerr << "no exception\n";
+      } catch (const AssertException& e) {
+        std::cout << e.message().substr(e.message().find(": ") + 2) << "\n";
+      }
+    }
+    return 0;
+  });
+  EXPECT_THAT(child.err,
+              ::testing::MatchesRegex("libevent: 1\n"
+                                      "libevent: \n"
+                                      "Increasing virtual time offset by 0 to [0-9.e+]+\n"
+                                      "libevent: error\n"));
+  EXPECT_THAT(child.out,
+              ::testing::MatchesRegex(
+                  "invalid libevent severity:7 msg:odd\n"
+                  "libevent fatal error:12\n"
+                  "Tarvo::Platform::refCountingEnabledIs\\(\\) not available in libTarvo.so\n"
+                  "Tarvo::Platform::refCountingEnabled\\(\\) not available in libTarvo.so\n"
+                  "Tried to register a base:0x[0-9a-f]+ but a thread_local  base already exists: "
+                  "0x[0-9a-f]+\n"
+                  "FastForward invoked from non-main thread\n"
+                  "Called without fast forward enabled\n"));
 }
 
 // A private base whose timers append their index to `fired` when they run.

@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
+#include <cstddef>
+#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -16,6 +18,7 @@ namespace Tarvo {
 namespace {
 
 using namespace std::chrono_literals;
+using std::chrono::nanoseconds;
 using Test::FnTask;
 using Test::loggingTask;
 
@@ -66,6 +69,36 @@ TEST(IntrusiveListTest, ElementsUnlinkThemselvesBookmarksAreSkippedAndDoubleLink
   EXPECT_DEATH(mark.insertBefore(r.begin()), "!link\\.isLinked\\(\\)");
 }
 
+// The virtual slot a member function occupies (Itanium C++ ABI: a pointer to a virtual member
+// holds one plus its byte offset in the table).
+template <typename Member>
+std::ptrdiff_t slotOf(Member member) {
+  static_assert(sizeof(member) == 2 * sizeof(std::ptrdiff_t));
+  std::ptrdiff_t words[2];
+  std::memcpy(words, &member, sizeof words);
+  return (words[0] - 1) / static_cast<std::ptrdiff_t>(sizeof(void*));
+}
+
+TEST(BinaryInterfaceTest, VirtualSlotsKeepTheirOrder) {
+  // Lists: isBookmark, then the destructor's two entries.
+  EXPECT_EQ(slotOf(&Queue::isBookmark), 0);
+  EXPECT_EQ(slotOf(&Registry::isBookmark), 0);
+  EXPECT_EQ(slotOf(&TaskScheduler::TaskList::isBookmark), 0);
+  // Tasks: six operations, the destructor, then the four of TaskImpl.
+  EXPECT_EQ(slotOf(&_TaskBase::taskScheduled), 0);
+  EXPECT_EQ(slotOf(&_TaskBase::handleResetStats), 5);
+  EXPECT_EQ(slotOf(&TaskImpl::scheduleTask), 8);
+  EXPECT_EQ(slotOf(&TaskImpl::taskExecute), 11);
+  // Schedulers: resetStatsInProgress first, taskRegister and the destructor last, and the
+  // root's hooks and timer operations right after them.
+  std::ptrdiff_t reg = slotOf(&TaskScheduler::taskRegister);
+  EXPECT_EQ(slotOf(&TaskScheduler::resetStatsInProgress), 0);
+  EXPECT_EQ(slotOf(&TaskScheduler::handleTaskForceYieldInTest), reg - 1);
+  EXPECT_EQ(slotOf(&TaskScheduler::requestSchedulerRun), reg - 2);
+  EXPECT_EQ(slotOf(&TaskSchedulerRoot::taskCreated), reg + 3);
+  EXPECT_EQ(slotOf(&TaskSchedulerRoot::timerExpiry), reg + 11);
+}
+
 class SchedulerTest : public ::testing::Test {
  protected:
   std::shared_ptr<TaskSchedulerRootManual> root = std::make_shared<TaskSchedulerRootManual>("root");
@@ -91,6 +124,17 @@ TEST_F(SchedulerTest, RunsCountQuantumViolationsAtTwiceAndFiveTimesItAndWorkDone
   EXPECT_DEATH(task->taskQuantumNoCheckIs(0ns), "Quantum: 0ns");
   root->defaultTaskQuantumIs(7ms);
   EXPECT_EQ(std::make_shared<FnTask>(root, TaskPriority::normal, "later")->taskQuantum(), 7ms);
+  EXPECT_THAT([&] { root->defaultTaskQuantumIs(-1ns); },
+              ::testing::ThrowsMessage<AssertException>(
+                  ::testing::ContainsRegex("defaultTaskQuantumIs:[0-9]+: Quantum: -1ns")));
+  EXPECT_EQ(root->defaultTaskQuantum(), 7ms);
+  root->defaultTaskQuantumIs(0ns);  // always asked to yield, never a violation
+  auto zero = std::make_shared<FnTask>(root, TaskPriority::normal, "zero",
+                                       [&](FnTask& t) { log += t.taskShouldYield() ? 'y' : '.'; });
+  zero->taskDoRun(TaskClock::now() - 1s, &end);
+  EXPECT_EQ(log, "y");
+  EXPECT_EQ(zero->taskQuantumViolation200() + zero->taskQuantumViolation500(), 0u);
+  log.clear();
 
   task->taskQuantumIs(100ms);
   for (auto [ran, v200, v500] : {std::tuple{190ms, 0u, 0u}, std::tuple{200ms, 1u, 0u},
@@ -131,6 +175,9 @@ TEST_F(SchedulerTest, YieldFollowsTestRatioOrQuantumAndAbortsOutsideARun) {
   root->taskTestYieldRatioIs(0);
   root->virtualTimeIs(true);
   EXPECT_EQ(task->taskShouldYieldMode(), TaskImpl::virtualTime);
+  EXPECT_THAT([&] { task->taskRunFromTest(); },
+              ::testing::Throws<UnimplementedException>(
+                  ::testing::Property(&Exception::message, "No support for virtual timestamps")));
   root->virtualTimeIs(false);
   log.clear();
   task->taskQuantumIs(1s);
@@ -188,6 +235,69 @@ TEST_F(SchedulerTest, HighYieldsToNormalAfterNineRunsLowAndScavengeWaitAndAbsolu
   EXPECT_EQ(log, std::string(50, 'A') + "L");
 }
 
+TEST_F(SchedulerTest, BumpsWeighEveryWaitingTaskOfBothPriorities) {
+  // Two high tasks always waiting against three, then two, then one normal: the normal turn
+  // comes when 8 * normals * consecutive > 64 * 2.
+  auto again = [] { return true; };
+  auto h1 = loggingTask(root, TaskPriority::high, "H", log, again);
+  auto h2 = loggingTask(root, TaskPriority::high, "H", log, again);
+  std::vector<std::shared_ptr<FnTask>> normals;
+  for (int i = 0; i < 3; ++i) {
+    normals.push_back(loggingTask(root, TaskPriority::normal, "N", log));
+    normals.back()->scheduleTask();
+  }
+  h1->scheduleTask();
+  h2->scheduleTask();
+  root->runUntilIdle(35);
+  EXPECT_EQ(log,
+            std::string(6, 'H') + "N" + std::string(9, 'H') + "N" + std::string(17, 'H') + "N");
+  h1->unscheduleTask();
+  h2->unscheduleTask();
+  root->runUntilIdle();  // a run that finds the queues empty restarts their counts
+
+  // Two normal tasks always waiting against four, three, two lows: waiting(low) * consecutive
+  // > 8 * 2.
+  log.clear();
+  normals[0] = loggingTask(root, TaskPriority::normal, "N", log, again);
+  normals[1] = loggingTask(root, TaskPriority::normal, "N", log, again);
+  std::vector<std::shared_ptr<FnTask>> lows;
+  for (int i = 0; i < 4; ++i) {
+    lows.push_back(loggingTask(root, TaskPriority::low, "L", log));
+    lows.back()->scheduleTask();
+  }
+  normals[0]->scheduleTask();
+  normals[1]->scheduleTask();
+  root->runUntilIdle(23);
+  EXPECT_EQ(log, std::string(5, 'N') + "L" + std::string(6, 'N') + "L" + std::string(9, 'N') + "L");
+  normals[0]->unscheduleTask();
+  normals[1]->unscheduleTask();
+}
+
+TEST_F(SchedulerTest, LatenciesRecordTheLastAndTheLongestWait) {
+  auto now = TaskClock::now();
+  task->scheduleTask();
+  EXPECT_EQ(root->pickOneTask(now + 50ms, TaskPriority::absolute), task.get());
+  EXPECT_GE(task->taskLastSchedulingLatency(), 49ms);
+  EXPECT_LT(task->taskLastSchedulingLatency(), 60ms);
+  task->scheduleTask();
+  task->unscheduleTask();  // leaving the queue unpicked records the wait too
+  EXPECT_LT(task->taskLastSchedulingLatency(), 10ms);
+  EXPECT_GE(task->taskSchedulingLatencyHighWaterMark(), 49ms);
+  TaskStat stat = task->getStats();
+  EXPECT_EQ(stat.taskLastSchedulingLatency(), task->taskLastSchedulingLatency());
+  EXPECT_EQ(stat.taskSchedulingLatencyHighWaterMark(), task->taskSchedulingLatencyHighWaterMark());
+  // The scheduler's own latency runs from the run request to the run.
+  auto before = root->schedulerLatencyHighWaterMark();
+  task->scheduleTask();
+  auto spinUntil = TaskClock::now() + 2ms;
+  while (TaskClock::now() < spinUntil) {
+  }
+  root->runOnce();
+  EXPECT_GE(root->schedulerLatencyHighWaterMark(), std::max(before, nanoseconds(2ms)));
+  task->resetStats();
+  EXPECT_EQ(task->taskSchedulingLatencyHighWaterMark(), 0ns);
+}
+
 TEST_F(SchedulerTest, RunRequestsFollowIdleAndRunnableChangesAndSplitQueuesMergeInOrder) {
   auto a = loggingTask(root, TaskPriority::normal, "a", log);
   auto b = loggingTask(root, TaskPriority::normal, "b", log);
@@ -220,7 +330,7 @@ TEST_F(SchedulerTest, RunRequestsFollowIdleAndRunnableChangesAndSplitQueuesMerge
   EXPECT_EQ(root->pickOneTask(now, TaskPriority::absolute), nullptr);
 }
 
-TEST_F(SchedulerTest, RunSurvivesThrowingTasksAndOwnersLettingGo) {
+TEST_F(SchedulerTest, RunSurvivesThrowingTasksUnownedTasksAndOwnersLettingGo) {
   TaskKey seen;
   auto bad = std::make_shared<FnTask>(root, TaskPriority::normal, "bad", [&](FnTask&) {
     seen = root->currentTask();
@@ -231,8 +341,13 @@ TEST_F(SchedulerTest, RunSurvivesThrowingTasksAndOwnersLettingGo) {
     task.reset();
     alive = t.taskMagicNumber() == TaskImpl::taskMagicNumberConstructed;
   });
+  FnTask unowned(root, TaskPriority::high, "unowned");  // no std::shared_ptr owns it
+  unowned.scheduleTask();
   bad->scheduleTask();
   task->scheduleTask();
+  EXPECT_THROW(root->runOnce(), std::bad_weak_ptr);
+  EXPECT_TRUE(root->runPending()) << "a task that cannot be held must not stall the others";
+  EXPECT_EQ(unowned.runs, 0);
   EXPECT_THROW(root->runOnce(), std::runtime_error);
   EXPECT_EQ(seen, TaskKey(static_cast<const _TaskBase*>(bad.get())));
   EXPECT_EQ(root->currentTask(), TaskKey());
@@ -288,6 +403,11 @@ TEST_F(SchedulerTest, MisuseOfTasksCountsPrioritiesThreadsAndRegistryAborts) {
   root->unregisterScheduler(other.get());
   EXPECT_EQ(root->taskGroupCount(), 0u);
   EXPECT_DEATH(root->unregisterScheduler(other.get()), "delete failed for other");
+  // While an auxiliary thread is registered, any thread may use the tree.
+  Platform::auxThreadCountInc();
+  std::thread([&] { task->scheduleTask(); }).join();
+  Platform::auxThreadCountDec();
+  EXPECT_TRUE(task->taskScheduled());
   // The root is built inside the death test's child, where a root made before the fork would
   // stand its check down.
   EXPECT_DEATH(

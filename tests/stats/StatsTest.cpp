@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <iomanip>
+#include <locale>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
@@ -196,6 +197,72 @@ TEST_F(StatsTest, HistoryPrintsNewestFirstTruncatesAtTheLimitAndKeepsTheNewest) 
   insertEvents(0, 3);
   EXPECT_EQ(history.size(), 0u);
   EXPECT_THROW(root->historyEntryCountIs(268435456), std::length_error);
+}
+
+struct Grouping : std::numpunct<char> {
+  char do_thousands_sep() const override { return ','; }
+  std::string do_grouping() const override { return "\3"; }
+};
+
+TEST_F(StatsTest, HistoryPrintsEveryLabelInTheSameLayoutWhateverTheCallersFormat) {
+  auto task = std::make_shared<FnTask>(root, TaskPriority::normal, "t");
+  root->clearHistory();
+  const char* const labels[] = {"schedule   ",
+                                "unschedule ",
+                                "run start  ",
+                                "run end    ",
+                                "timerStart ",
+                                "timerStop  ",
+                                "suspendOn  ",
+                                "suspendOff ",
+                                "scheduleSus",
+                                "frcYieldOn ",
+                                "frcYieldOff",
+                                "idle       ",
+                                "busy       ",
+                                "create     ",
+                                "delete     ",
+                                "schedulerIdle ",
+                                "schedulerRunnable ",
+                                "schedulerSuspended ",
+                                "schedulerUnsuspended ",
+                                "schedulerRunIgnoredWhileSuspended ",
+                                "schedulerVirtualTimeOn ",
+                                "schedulerVirtualTimeOff ",
+                                "schedulerTestYieldRatioOn ",
+                                "schedulerTestYieldRatioOff "};
+  std::string expected = header(100);
+  for (int type = 0; type < 24; ++type) {
+    TaskTimePoint when(std::chrono::microseconds(1234567 + 1000 * type));
+    auto t = static_cast<TaskSchedulerEventType>(type);
+    type < 15 ? history.insert(when, t, task.get()) : history.insert(when, t, root.get());
+  }
+  for (int type = 23; type >= 0; --type) {
+    expected += line(1234567000 + 1000000 * type, 1000 * (23 - type),
+                     std::string(labels[type]) + (type < 15 ? "t" : "root"));
+  }
+  expected += "\n";
+
+  std::ostringstream os;
+  os.imbue(std::locale(std::locale::classic(), new Grouping));
+  os << std::hex << std::showbase << std::uppercase << std::left << std::setfill('*')
+     << std::setprecision(2) << std::setw(40);
+  const auto callerFlags = os.flags();
+  root->printHistory(os, TaskSchedulerHistory::noLimit);
+  EXPECT_EQ(os.str(), expected);
+  EXPECT_EQ(os.flags(), callerFlags);
+  EXPECT_EQ(os.fill(), '*');
+  EXPECT_EQ(os.precision(), 2);
+  EXPECT_EQ(os.width(), 0);
+  EXPECT_TRUE(std::has_facet<Grouping>(os.getloc()));
+
+  // Durations and tasks are one piece of text each: padded as a whole, never in hexadecimal.
+  os.str("");
+  os << std::setw(8) << nanoseconds(255) << "|" << std::setw(30)
+     << static_cast<_TaskBase*>(task.get()) << "|" << nanoseconds(1234567);
+  EXPECT_EQ(os.str(), "255ns***|t" + TaskKey(task.get()).toStrep() +
+                          std::string(29 - TaskKey(task.get()).toStrep().size(), '*') +
+                          "|1234567ns");
 }
 
 TEST_F(StatsTest, HistoryRecordsSchedulingStepsAndRejectsEventsOfTheWrongKind) {

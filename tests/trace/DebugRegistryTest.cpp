@@ -244,3 +244,43 @@ TEST(TraceRegistry, TraceFromEnvironmentAddsToTheLibraryDefault) {
                                      {"TRACE=Tarvo*/5,EnvFoo/2,EnvFoo/3"});
   EXPECT_EQ(result.exitCode, 0) << result.out << result.err;
 }
+
+TEST(TraceHolder, CopiesOfAnOwningHolderOwnAFreshHandlerAndSharingCopiesShare) {
+  auto live = [] {
+    std::string handlers = section(registryListing(), "Handlers:", "");
+    size_t n = 0;
+    for (size_t at = handlers.find("TarvoHolderProbe"); at != std::string::npos;
+         at = handlers.find("TarvoHolderProbe", at + 1)) {
+      ++n;
+    }
+    return n;
+  };
+  HandlerPtr shared = handler("TarvoHolderProbe");
+  {
+    Debuggable owner("TarvoHolderProbe");
+    Debuggable copy(owner);
+    EXPECT_TRUE(copy.debugHandlerOwned());
+    EXPECT_NE(copy.debugHandler(), owner.debugHandler());
+    EXPECT_EQ(copy.debugHandler()->name(), "TarvoHolderProbe");
+    DebugSupport user(*shared);
+    DebugSupport userCopy(user);
+    EXPECT_EQ(userCopy.debugHandler(), shared.get());
+    EXPECT_FALSE(userCopy.debugHandlerOwned());
+    EXPECT_EQ(live(), 3u);
+
+    Debuggable sharing(*shared);
+    copy = sharing;  // releases its own handler, then shares
+    EXPECT_EQ(copy.debugHandler(), shared.get());
+    EXPECT_FALSE(copy.debugHandlerOwned());
+    EXPECT_EQ(live(), 2u);
+    sharing = owner;  // now owns a fresh one
+    EXPECT_TRUE(sharing.debugHandlerOwned());
+    EXPECT_NE(sharing.debugHandler(), owner.debugHandler());
+    Platform::DebugHandler* before = owner.debugHandler();
+    Debuggable& self = owner;
+    owner = self;
+    EXPECT_EQ(owner.debugHandler(), before);
+    EXPECT_EQ(live(), 3u);
+  }
+  EXPECT_EQ(live(), 1u) << "owned handlers go with their holders, shared ones stay";
+}
