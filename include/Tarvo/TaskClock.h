@@ -20,9 +20,12 @@
 
 namespace Tarvo {
 
+// A time stamp of the scheduler.
 using TaskTimePoint = std::chrono::steady_clock::time_point;
 
+// The scheduler's clock; see the top of this file.
 struct TaskClock {
+  // The current time.
   static TaskTimePoint now() noexcept;
 };
 

@@ -2,6 +2,7 @@
 // fast-forward, and the two timer operations it needs from libevent.
 #include <event2/event.h>
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -261,6 +262,34 @@ TEST(LibeventBase, OneBasePerThreadFreedOnlyAfterItsLastControl) {
   }).join();
   EXPECT_TRUE(baseAliveAtRelease);
   EXPECT_EQ(openFdCount(), fdsBefore);
+}
+
+// libevent ends in its fatal callback when it cannot make its own descriptors, leaving what it
+// made open; the base is refused before that with the reason, and nothing is left behind.
+TEST(LibeventBase, ThreadOutOfDescriptorsGetsAClearErrorAndNoHalfBuiltBase) {
+  ChildResult child = runInChild([] {
+    std::thread([] {
+      const int before = openFdCount();
+      rlimit old{};
+      ::getrlimit(RLIMIT_NOFILE, &old);
+      rlimit low = old;
+      low.rlim_cur = static_cast<rlim_t>(before + 2);  // room for two, a base needs more
+      ::setrlimit(RLIMIT_NOFILE, &low);
+      Recorder recorder;
+      try {
+        Platform::getCallbackControl(&recorder);
+      } catch (const RuntimeException& e) {
+        std::cout << std::string(e.what()).substr(0, std::string(e.what()).find('\n'));
+      }
+      ::setrlimit(RLIMIT_NOFILE, &old);
+      std::cout << " leaked:" << openFdCount() - before << " base:" << leInitialized();
+    }).join();
+    return 0;
+  });
+  EXPECT_EQ(child.out,
+            "Tarvo::RuntimeException(\"event_base_new failed: Too many open files\") leaked:0 "
+            "base:0")
+      << child.err;
 }
 
 TEST(LibeventBase, WaitForDefaultIsReadOnceAndABadValueIsReported) {
