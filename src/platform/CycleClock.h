@@ -68,6 +68,8 @@ class CycleClock {
       if (delta < p.spanCycles) [[likely]] {
         return scale(p, delta);
       }
+    } else if (referenceOnly_.load(std::memory_order_acquire)) {
+      return referenceHeld();
     }
     return nowSlow();
   }
@@ -189,13 +191,20 @@ class CycleClock {
     return best;
   }
 
+  // Once the counter is found unusable: the reference clock, held at least at the last value
+  // the counter handed out. Kept inline, so that such hosts pay little more than the
+  // reference clock itself.
+  int64_t referenceHeld() const noexcept {
+    int64_t floor = floorNs_.load(std::memory_order_relaxed);
+    int64_t reference = Source::referenceNs();
+    return reference > floor ? reference : floor;
+  }
+
   // Without parameters: answers the reference clock in *ns and returns true, or returns false
   // if parameters appeared meanwhile.
   bool calibrating(int64_t* ns) noexcept {
     if (referenceOnly_.load(std::memory_order_acquire)) {
-      int64_t floor = floorNs_.load(std::memory_order_relaxed);
-      int64_t reference = Source::referenceNs();
-      *ns = reference > floor ? reference : floor;
+      *ns = referenceHeld();
       return true;
     }
     if (!tryLock()) {
