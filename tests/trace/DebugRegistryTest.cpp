@@ -66,6 +66,18 @@ TEST(TraceRegistry, SettingsCombineByExactNameAndLongestPrefix) {
   EXPECT_EQ(startLevels("RegLongPrefixName"), bits({2, 7}));
   EXPECT_EQ(startLevels("RegLongOther"), bits({2}));
   EXPECT_EQ(startLevels("RegLongExact"), bits({2, 4}));
+
+  // Thousands of entries apply in order.
+  std::string spec;
+  for (int i = 0; i < 3000; ++i) {
+    spec += "RegMany" + std::to_string(i) + (i % 2 ? "*/" : "/") + std::to_string(i % 10) + ",";
+  }
+  Platform::setupTarvoDebug(spec.c_str());
+  // The exact setting RegMany2998 started from the prefix RegMany299* (level 9, itself
+  // started from RegMany29*) and added its own level 8.
+  EXPECT_EQ(startLevels("RegMany2998"), bits({8, 9}));
+  EXPECT_EQ(startLevels("RegMany2999x"), bits({9}));
+  EXPECT_EQ(startLevels("RegMany1000"), bits({0, 1}));
 }
 
 TEST(TraceRegistry, GrammarSkipsUnknownLevelCharactersAndOnlyATrailingStarIsAWildcard) {
@@ -90,6 +102,13 @@ TEST(TraceRegistry, GrammarSkipsUnknownLevelCharactersAndOnlyATrailingStarIsAWil
     EXPECT_THAT(listing, HasSubstr(line));
   }
   EXPECT_EQ(startLevels("RegNine"), bits({9}));
+
+  // A handler cannot be a wildcard: the star is dropped with a warning.
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(handler("RegWild*")->name(), "RegWild");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "Tarvo::Debug - Warning - Wild card specifier ignored getting handler for RegWild* "
+            "using RegWild\n");
 }
 
 TEST(TraceRegistry, SetReachesEveryLiveHandlerOfTheNameAndDestroyKeepsTheOther) {
@@ -137,25 +156,15 @@ TEST(TraceRegistry, ClearRemovesLevelsAndDeletesSettingsLeftEmpty) {
   for (const char* gone : {"RegClr*/", "RegClrDeep*/", "RegClrExact/"}) {
     EXPECT_THAT(registryListing(), Not(HasSubstr(gone)));
   }
-}
 
-TEST(TraceRegistry, ClearOfUnsetNameUnderWildcardLeavesALiveHandlerButNoSetting) {
+  // Clearing a name that only a wildcard covers changes its live handler but records no
+  // exact setting: a new handler still starts from the wildcard.
   Platform::setupTarvoDebug("RegCover*/13");
   Platform::clearTarvoDebug("RegCoverName/1");
   const std::string listing = registryListing();
   EXPECT_THAT(section(listing, "Handlers:", ""), HasSubstr("    RegCoverName/3\n"));
   EXPECT_THAT(section(listing, "Specific:", "Wildcard:"), Not(HasSubstr("RegCoverName")));
-  // No exact setting was recorded: a new handler still starts from the wildcard.
   EXPECT_EQ(startLevels("RegCoverName"), bits({1, 3}));
-}
-
-TEST(TraceRegistry, GetWithWildcardWarnsAndUsesTheBareName) {
-  testing::internal::CaptureStderr();
-  HandlerPtr h = handler("RegWild*");
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "Tarvo::Debug - Warning - Wild card specifier ignored getting handler for RegWild* "
-            "using RegWild\n");
-  EXPECT_EQ(h->name(), "RegWild");
 }
 
 TEST(TraceRegistry, EnabledIsSetsAnyBitButRefusesAnExternalWord) {
@@ -181,19 +190,6 @@ TEST(TraceRegistry, EnabledIsSetsAnyBitButRefusesAnExternalWord) {
   external.reset();
 }
 
-TEST(TraceRegistry, ThousandsOfEntriesApplyInOrder) {
-  std::string spec;
-  for (int i = 0; i < 3000; ++i) {
-    spec += "RegMany" + std::to_string(i) + (i % 2 ? "*/" : "/") + std::to_string(i % 10) + ",";
-  }
-  Platform::setupTarvoDebug(spec.c_str());
-  // The exact setting RegMany2998 started from the prefix RegMany299* (level 9, itself
-  // started from RegMany29*) and added its own level 8.
-  EXPECT_EQ(startLevels("RegMany2998"), bits({8, 9}));
-  EXPECT_EQ(startLevels("RegMany2999x"), bits({9}));
-  EXPECT_EQ(startLevels("RegMany1000"), bits({0, 1}));
-}
-
 TEST(TraceRegistry, LazyMessageIsNotEvaluatedWhenLevelIsOff) {
   HandlerPtr h = handler("RegLazy");
   int evaluated = 0;
@@ -217,20 +213,20 @@ TEST(TraceRegistryDeathTest, RegistryOperationsWithoutTheLockAbort) {
 
 // Process-wide settings, so each runs in a child process.
 TEST(TraceRegistry, StarStarReachesEveryHandlerAndClearingTheDefaultRemovesIt) {
-  auto starStar = Tarvo::Test::runInChild([] {
-    HandlerPtr before = handler("RegStarBefore");
-    Platform::setupTarvoDebug("*/*");
-    return before->levelMask() == 0x3ff && startLevels("RegStarAfter") == 0x3ff ? 0 : 1;
-  });
-  EXPECT_EQ(starStar.exitCode, 0) << starStar.err;
-  auto clearDefault = Tarvo::Test::runInChild([] {
-    HandlerPtr h = handler("TarvoClearDefault");
-    Platform::clearTarvoDebug("Tarvo*/01");
-    const bool ok = h->levelMask() == 0 && startLevels("TarvoLater") == 0 &&
-                    registryListing().find("Tarvo*/") == std::string::npos;
-    return ok ? 0 : 1;
-  });
-  EXPECT_EQ(clearDefault.exitCode, 0) << clearDefault.out << clearDefault.err;
+  for (auto body : {+[] {
+                      HandlerPtr before = handler("RegStarBefore");
+                      Platform::setupTarvoDebug("*/*");
+                      return before->levelMask() == 0x3ff && startLevels("RegStarAfter") == 0x3ff;
+                    },
+                    +[] {
+                      HandlerPtr h = handler("TarvoClearDefault");
+                      Platform::clearTarvoDebug("Tarvo*/01");
+                      return h->levelMask() == 0 && startLevels("TarvoLater") == 0 &&
+                             registryListing().find("Tarvo*/") == std::string::npos;
+                    }}) {
+    auto child = Tarvo::Test::runInChild([body] { return body() ? 0 : 1; });
+    EXPECT_EQ(child.exitCode, 0) << child.out << child.err;
+  }
 }
 
 TEST(TraceRegistry, TraceFromEnvironmentAddsToTheLibraryDefault) {
