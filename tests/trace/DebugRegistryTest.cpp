@@ -126,20 +126,6 @@ TEST(TraceRegistry, SetReachesEveryLiveHandlerOfTheNameAndDestroyKeepsTheOther) 
   EXPECT_EQ(second->levelMask(), 0u);
 }
 
-TEST(TraceRegistry, FixedHandlerKeepsItsMaskThroughSetAndClear) {
-  std::unique_ptr<Zel::DebugHandler> fixed;
-  {
-    Platform::LocoGuard guard;
-    fixed = std::make_unique<Zel::DebugHandler>("RegFixed", bits({2}), true);
-  }
-  Platform::setupTarvoDebug("RegFixed/5,RegFix*/7");
-  Platform::clearTarvoDebug("RegFixed/2,RegFix*/2");
-  EXPECT_EQ(fixed->levelMask(), bits({2}));
-  EXPECT_THAT(registryListing(), HasSubstr("    RegFixed+/2\n"));
-  Platform::LocoGuard guard;
-  fixed.reset();
-}
-
 TEST(TraceRegistry, ClearRemovesLevelsAndDeletesSettingsLeftEmpty) {
   HandlerPtr h = handler("RegClearMe");
   Platform::setupTarvoDebug("RegClearMe/35,RegClr*/4");
@@ -167,7 +153,9 @@ TEST(TraceRegistry, ClearRemovesLevelsAndDeletesSettingsLeftEmpty) {
   EXPECT_EQ(startLevels("RegCoverName"), bits({1, 3}));
 }
 
-TEST(TraceRegistry, EnabledIsSetsAnyBitButRefusesAnExternalWord) {
+// Handlers built directly: a fixed one ignores settings, one on an external word refuses
+// enabledIs.
+TEST(TraceRegistry, EnabledIsSetsAnyBitAndFixedOrExternalHandlersKeepTheirLevels) {
   HandlerPtr h = handler("RegEnabled");
   h->enabledIs(12, true);
   h->enabledIs(3, true);
@@ -176,17 +164,23 @@ TEST(TraceRegistry, EnabledIsSetsAnyBitButRefusesAnExternalWord) {
   EXPECT_THAT(registryListing(), HasSubstr("    RegEnabled/12\n"));
 
   std::atomic<uint32_t> shared{bits({4})};
-  std::unique_ptr<Zel::DebugHandler> external;
+  std::unique_ptr<Zel::DebugHandler> fixed, external;
   {
     Platform::LocoGuard guard;
+    fixed = std::make_unique<Zel::DebugHandler>("RegFixed", bits({2}), true);
     external = std::make_unique<Zel::DebugHandler>("RegExternal", 0, false, &shared);
   }
+  Platform::setupTarvoDebug("RegFixed/5,RegFix*/7");
+  Platform::clearTarvoDebug("RegFixed/2,RegFix*/2");
+  EXPECT_EQ(fixed->levelMask(), bits({2}));
+  EXPECT_THAT(registryListing(), HasSubstr("    RegFixed+/2\n"));
   EXPECT_TRUE(external->enabled(4));
   EXPECT_THAT([&] { external->enabledIs(1, true); },
               ::testing::ThrowsMessage<AssertException>(
                   ::testing::ContainsRegex("\"Debug:enabledIs:[0-9]+: Cannot use this with a "
                                            "non-null levelsPtr passed to constructor")));
   Platform::LocoGuard guard;
+  fixed.reset();
   external.reset();
 }
 

@@ -82,6 +82,15 @@ TEST_F(TraceOutput, FieldsFollowTheFixedOrderWhateverTheListOrder) {
   TARVO_TRACE(handler_, 3, "here");
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "TraceOutputTest.cpp:" + std::to_string(line) + " TestBody here\n");
+
+  // A missing file or function name ends the line at that field.
+  Platform::setTraceFormat("level,line-info,func-name");
+  Platform::DebugStream message;
+  message << "lost";
+  testing::internal::CaptureStderr();
+  handler_->dump(message, 3, nullptr, 7, "fn");
+  handler_->dump(message, 3, "dir/file.cpp", 7, nullptr);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "3 \n3 file.cpp:7 \n");
 }
 
 TEST_F(TraceOutput, InvalidFieldChangesNothingAndHelpListsFields) {
@@ -104,16 +113,6 @@ TEST_F(TraceOutput, InvalidFieldChangesNothingAndHelpListsFields) {
   EXPECT_EQ(formatFlags(), before);
   Platform::setTraceFormat(",,");
   EXPECT_EQ(formatFlags(), "0 0 0 0 0 0 0 0\n");
-}
-
-TEST_F(TraceOutput, MissingFileOrFunctionEndsTheLineAtThatField) {
-  Platform::setTraceFormat("level,line-info,func-name");
-  Platform::DebugStream message;
-  message << "lost";
-  testing::internal::CaptureStderr();
-  handler_->dump(message, 3, nullptr, 7, "fn");
-  handler_->dump(message, 3, "dir/file.cpp", 7, nullptr);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "3 \n3 file.cpp:7 \n");
 }
 
 TEST_F(TraceOutput, TraceFileReceivesLinesAndIsTruncatedOnReopen) {
