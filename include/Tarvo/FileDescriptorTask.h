@@ -49,8 +49,8 @@
 //  - A readiness report with the direction unwatched, or for another descriptor, ends the
 //    process ("readFdEvent() called with taskWatchReadable off", "writeFdEvent() called with
 //    taskWatchWritable off", "Notified about <fd> watching <watched>").
-//  - taskWatchFdIs() with a negative or closed descriptor throws AssertException and changes
-//    nothing.
+//  - taskWatchFdIs() with a negative or closed descriptor other than the watched one throws
+//    AssertException and changes nothing.
 //  - The read task running with reads unwatched throws AssertException "ReadTask should only
 //    run if taskWatchReadable"; a hook entered while another runs throws "Executing task
 //    already set"; taskWorkCountWritableInc() without a write task throws "WriteTask not

@@ -42,7 +42,11 @@ std::shared_ptr<TaskGroup> TaskGroupIs(const std::string& name, TaskPriority pri
 }
 
 void TaskGroup::requestSchedulerRun() {
-  parentTask_->scheduleTask();
+  // Within a turn every inner run asks again while the parent task is queued already; that
+  // case needs no call (the inner run has passed the thread check).
+  if (!parentTask_->taskRunQueueLink_.isLinked()) {
+    parentTask_->scheduleTask();
+  }
 }
 
 void TaskGroup::handleTaskForceYieldInTest() {

@@ -2,29 +2,15 @@
 // out as the per-priority summary, the legend and the task tables.
 #include <algorithm>
 #include <boost/format.hpp>
-#include <boost/io/ios_state.hpp>
 #include <cstdio>
 #include <iostream>
 
 #include "Tarvo/TaskScheduler.h"
+#include "stats/StreamFormatGuard.h"
 
 namespace Tarvo {
 
 namespace {
-
-// Gives the stream a clean format state for the report and the caller's back afterwards.
-class CleanStreamState {
- public:
-  explicit CleanStreamState(std::ostream& os) : saver_(os) {
-    os.flags(std::ios_base::dec | std::ios_base::skipws);
-    os.fill(' ');
-    os.width(0);
-    os.precision(6);
-  }
-
- private:
-  boost::io::ios_all_saver saver_;
-};
 
 const char* const kLegend[][2] = {
     {"SP", "= Task status and priority % two characters:"},
@@ -70,7 +56,7 @@ std::ostream& operator<<(std::ostream& os, const DisplayTaskTimeStamp& stamp) {
 
 void taskSchedulerDisplay(std::ostream& os, std::vector<TaskStat>& stats, std::string title,
                           unsigned skipped, bool deadTable, bool hideWorkCounts, unsigned limit) {
-  CleanStreamState clean(os);
+  StreamFormatGuard clean(os);
   std::vector<const TaskStat*> rows;
   rows.reserve(stats.size());
   size_t width = title.size();
@@ -129,7 +115,7 @@ void printStatsImpl(std::ostream& os, const TaskSchedulerQueueStats& queueStats,
                     std::chrono::nanoseconds slip, std::vector<TaskStat>* tasks, unsigned skipped,
                     std::vector<TaskStat>* deadTasks, unsigned deadSkipped, bool hideWorkCounts,
                     unsigned taskLimit, unsigned deadTaskLimit) {
-  CleanStreamState clean(os);
+  StreamFormatGuard clean(os);
   os << boost::format("%-8s %13s %13s %9s %15s\n") % "Priority" % "RunnableCount" % "IdleCount" %
             "DeadCount" % "TotalRunCount";
   boost::format summary("%-8s %13u %13u %9u %15llu\n");
@@ -208,7 +194,6 @@ void TaskSchedulerRoot::printStats(std::ostream& os, bool includeNoRuns, bool hi
                                    unsigned historyLimit) const {
   TaskSchedulerStatsSnapshot snapshot = statsSnapshotRoot(includeNoRuns, deadTaskLimit != 0);
   printStatsSnapshot(os, snapshot, hideWorkCounts, taskLimit, deadTaskLimit);
-  CleanStreamState clean(os);
   os << '\n';
   printHistory(os, historyLimit);
 }
