@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -15,21 +16,21 @@ namespace {
 
 constexpr const char* kChildMarker = "TARVO_TEST_CHILD=1";
 
-std::string readAll(int fd) {
+// Everything written to `file` so far, read from its start.
+std::string readAll(FILE* file) {
   std::string text;
   char buffer[4096];
-  ssize_t n;
-  while ((n = read(fd, buffer, sizeof buffer)) > 0 || (n < 0 && errno == EINTR)) {
-    if (n > 0) {
-      text.append(buffer, static_cast<size_t>(n));
-    }
+  std::rewind(file);
+  for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, file)) > 0;) {
+    text.append(buffer, n);
   }
+  std::fclose(file);
   return text;
 }
 
-// Forks; the child redirects its output into two pipes and runs `body`, the parent
-// collects both pipes and the exit status. Output is read through temporary files so a
-// chatty child can never block on a full pipe.
+// Forks; the child sends its standard output and error to two temporary files (a chatty
+// child can never block on a full pipe) and runs `body`; the parent collects both files and
+// the exit status.
 ChildResult forkCaptured(const std::function<void()>& body) {
   FILE* out = std::tmpfile();
   FILE* err = std::tmpfile();
@@ -56,12 +57,8 @@ ChildResult forkCaptured(const std::function<void()>& body) {
   } else if (WIFSIGNALED(status)) {
     result.signal = WTERMSIG(status);
   }
-  lseek(fileno(out), 0, SEEK_SET);
-  lseek(fileno(err), 0, SEEK_SET);
-  result.out = readAll(fileno(out));
-  result.err = readAll(fileno(err));
-  fclose(out);
-  fclose(err);
+  result.out = readAll(out);
+  result.err = readAll(err);
   return result;
 }
 

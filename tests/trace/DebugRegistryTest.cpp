@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
 #include <string>
 
@@ -66,6 +67,18 @@ TEST(TraceRegistry, SettingsCombineByExactNameAndLongestPrefix) {
   EXPECT_EQ(startLevels("RegLongPrefixName"), bits({2, 7}));
   EXPECT_EQ(startLevels("RegLongOther"), bits({2}));
   EXPECT_EQ(startLevels("RegLongExact"), bits({2, 4}));
+
+  // Thousands of entries apply in order.
+  std::string spec;
+  for (int i = 0; i < 3000; ++i) {
+    spec += "RegMany" + std::to_string(i) + (i % 2 ? "*/" : "/") + std::to_string(i % 10) + ",";
+  }
+  Platform::setupTarvoDebug(spec.c_str());
+  // The exact setting RegMany2998 started from the prefix RegMany299* (level 9, itself
+  // started from RegMany29*) and added its own level 8.
+  EXPECT_EQ(startLevels("RegMany2998"), bits({8, 9}));
+  EXPECT_EQ(startLevels("RegMany2999x"), bits({9}));
+  EXPECT_EQ(startLevels("RegMany1000"), bits({0, 1}));
 }
 
 TEST(TraceRegistry, GrammarSkipsUnknownLevelCharactersAndOnlyATrailingStarIsAWildcard) {
@@ -90,6 +103,13 @@ TEST(TraceRegistry, GrammarSkipsUnknownLevelCharactersAndOnlyATrailingStarIsAWil
     EXPECT_THAT(listing, HasSubstr(line));
   }
   EXPECT_EQ(startLevels("RegNine"), bits({9}));
+
+  // A handler cannot be a wildcard: the star is dropped with a warning.
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(handler("RegWild*")->name(), "RegWild");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "Tarvo::Debug - Warning - Wild card specifier ignored getting handler for RegWild* "
+            "using RegWild\n");
 }
 
 TEST(TraceRegistry, SetReachesEveryLiveHandlerOfTheNameAndDestroyKeepsTheOther) {
@@ -105,20 +125,6 @@ TEST(TraceRegistry, SetReachesEveryLiveHandlerOfTheNameAndDestroyKeepsTheOther) 
   EXPECT_EQ(handlers.find("    RegTwin/6\n", at + 1), std::string::npos);
   Platform::clearTarvoDebug("RegTwin/6");
   EXPECT_EQ(second->levelMask(), 0u);
-}
-
-TEST(TraceRegistry, FixedHandlerKeepsItsMaskThroughSetAndClear) {
-  std::unique_ptr<Zel::DebugHandler> fixed;
-  {
-    Platform::LocoGuard guard;
-    fixed = std::make_unique<Zel::DebugHandler>("RegFixed", bits({2}), true);
-  }
-  Platform::setupTarvoDebug("RegFixed/5,RegFix*/7");
-  Platform::clearTarvoDebug("RegFixed/2,RegFix*/2");
-  EXPECT_EQ(fixed->levelMask(), bits({2}));
-  EXPECT_THAT(registryListing(), HasSubstr("    RegFixed+/2\n"));
-  Platform::LocoGuard guard;
-  fixed.reset();
 }
 
 TEST(TraceRegistry, ClearRemovesLevelsAndDeletesSettingsLeftEmpty) {
@@ -137,28 +143,20 @@ TEST(TraceRegistry, ClearRemovesLevelsAndDeletesSettingsLeftEmpty) {
   for (const char* gone : {"RegClr*/", "RegClrDeep*/", "RegClrExact/"}) {
     EXPECT_THAT(registryListing(), Not(HasSubstr(gone)));
   }
-}
 
-TEST(TraceRegistry, ClearOfUnsetNameUnderWildcardLeavesALiveHandlerButNoSetting) {
+  // Clearing a name that only a wildcard covers changes its live handler but records no
+  // exact setting: a new handler still starts from the wildcard.
   Platform::setupTarvoDebug("RegCover*/13");
   Platform::clearTarvoDebug("RegCoverName/1");
   const std::string listing = registryListing();
   EXPECT_THAT(section(listing, "Handlers:", ""), HasSubstr("    RegCoverName/3\n"));
   EXPECT_THAT(section(listing, "Specific:", "Wildcard:"), Not(HasSubstr("RegCoverName")));
-  // No exact setting was recorded: a new handler still starts from the wildcard.
   EXPECT_EQ(startLevels("RegCoverName"), bits({1, 3}));
 }
 
-TEST(TraceRegistry, GetWithWildcardWarnsAndUsesTheBareName) {
-  testing::internal::CaptureStderr();
-  HandlerPtr h = handler("RegWild*");
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "Tarvo::Debug - Warning - Wild card specifier ignored getting handler for RegWild* "
-            "using RegWild\n");
-  EXPECT_EQ(h->name(), "RegWild");
-}
-
-TEST(TraceRegistry, EnabledIsSetsAnyBitButRefusesAnExternalWord) {
+// Handlers built directly: a fixed one ignores settings, one on an external word refuses
+// enabledIs.
+TEST(TraceRegistry, EnabledIsSetsAnyBitAndFixedOrExternalHandlersKeepTheirLevels) {
   HandlerPtr h = handler("RegEnabled");
   h->enabledIs(12, true);
   h->enabledIs(3, true);
@@ -167,31 +165,24 @@ TEST(TraceRegistry, EnabledIsSetsAnyBitButRefusesAnExternalWord) {
   EXPECT_THAT(registryListing(), HasSubstr("    RegEnabled/12\n"));
 
   std::atomic<uint32_t> shared{bits({4})};
-  std::unique_ptr<Zel::DebugHandler> external;
+  std::unique_ptr<Zel::DebugHandler> fixed, external;
   {
     Platform::LocoGuard guard;
+    fixed = std::make_unique<Zel::DebugHandler>("RegFixed", bits({2}), true);
     external = std::make_unique<Zel::DebugHandler>("RegExternal", 0, false, &shared);
   }
+  Platform::setupTarvoDebug("RegFixed/5,RegFix*/7");
+  Platform::clearTarvoDebug("RegFixed/2,RegFix*/2");
+  EXPECT_EQ(fixed->levelMask(), bits({2}));
+  EXPECT_THAT(registryListing(), HasSubstr("    RegFixed+/2\n"));
   EXPECT_TRUE(external->enabled(4));
   EXPECT_THAT([&] { external->enabledIs(1, true); },
               ::testing::ThrowsMessage<AssertException>(
                   ::testing::ContainsRegex("\"Debug:enabledIs:[0-9]+: Cannot use this with a "
                                            "non-null levelsPtr passed to constructor")));
   Platform::LocoGuard guard;
+  fixed.reset();
   external.reset();
-}
-
-TEST(TraceRegistry, ThousandsOfEntriesApplyInOrder) {
-  std::string spec;
-  for (int i = 0; i < 3000; ++i) {
-    spec += "RegMany" + std::to_string(i) + (i % 2 ? "*/" : "/") + std::to_string(i % 10) + ",";
-  }
-  Platform::setupTarvoDebug(spec.c_str());
-  // The exact setting RegMany2998 started from the prefix RegMany299* (level 9, itself
-  // started from RegMany29*) and added its own level 8.
-  EXPECT_EQ(startLevels("RegMany2998"), bits({8, 9}));
-  EXPECT_EQ(startLevels("RegMany2999x"), bits({9}));
-  EXPECT_EQ(startLevels("RegMany1000"), bits({0, 1}));
 }
 
 TEST(TraceRegistry, LazyMessageIsNotEvaluatedWhenLevelIsOff) {
@@ -217,20 +208,20 @@ TEST(TraceRegistryDeathTest, RegistryOperationsWithoutTheLockAbort) {
 
 // Process-wide settings, so each runs in a child process.
 TEST(TraceRegistry, StarStarReachesEveryHandlerAndClearingTheDefaultRemovesIt) {
-  auto starStar = Tarvo::Test::runInChild([] {
-    HandlerPtr before = handler("RegStarBefore");
-    Platform::setupTarvoDebug("*/*");
-    return before->levelMask() == 0x3ff && startLevels("RegStarAfter") == 0x3ff ? 0 : 1;
-  });
-  EXPECT_EQ(starStar.exitCode, 0) << starStar.err;
-  auto clearDefault = Tarvo::Test::runInChild([] {
-    HandlerPtr h = handler("TarvoClearDefault");
-    Platform::clearTarvoDebug("Tarvo*/01");
-    const bool ok = h->levelMask() == 0 && startLevels("TarvoLater") == 0 &&
-                    registryListing().find("Tarvo*/") == std::string::npos;
-    return ok ? 0 : 1;
-  });
-  EXPECT_EQ(clearDefault.exitCode, 0) << clearDefault.out << clearDefault.err;
+  for (auto body : {+[] {
+                      HandlerPtr before = handler("RegStarBefore");
+                      Platform::setupTarvoDebug("*/*");
+                      return before->levelMask() == 0x3ff && startLevels("RegStarAfter") == 0x3ff;
+                    },
+                    +[] {
+                      HandlerPtr h = handler("TarvoClearDefault");
+                      Platform::clearTarvoDebug("Tarvo*/01");
+                      return h->levelMask() == 0 && startLevels("TarvoLater") == 0 &&
+                             registryListing().find("Tarvo*/") == std::string::npos;
+                    }}) {
+    auto child = Tarvo::Test::runInChild([body] { return body() ? 0 : 1; });
+    EXPECT_EQ(child.exitCode, 0) << child.out << child.err;
+  }
 }
 
 TEST(TraceRegistry, TraceFromEnvironmentAddsToTheLibraryDefault) {
