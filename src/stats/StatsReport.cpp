@@ -2,29 +2,21 @@
 // out as the per-priority summary, the legend and the task tables.
 #include <algorithm>
 #include <boost/format.hpp>
-#include <boost/io/ios_state.hpp>
-#include <cstdio>
 #include <iostream>
+#include <locale>
 
 #include "Tarvo/TaskScheduler.h"
+#include "stats/StreamFormatGuard.h"
 
 namespace Tarvo {
 
 namespace {
 
-// Gives the stream a clean format state for the report and the caller's back afterwards.
-class CleanStreamState {
- public:
-  explicit CleanStreamState(std::ostream& os) : saver_(os) {
-    os.flags(std::ios_base::dec | std::ios_base::skipws);
-    os.fill(' ');
-    os.width(0);
-    os.precision(6);
-  }
-
- private:
-  boost::io::ios_all_saver saver_;
-};
+// The report's formats: printf-like, with the classic locale's separators whatever locale
+// the program has made its global one.
+boost::format reportFormat(const char* format) {
+  return boost::format(format, std::locale::classic());
+}
 
 const char* const kLegend[][2] = {
     {"SP", "= Task status and priority % two characters:"},
@@ -53,9 +45,7 @@ std::string maybe(TaskMaybeU32 v) {
 }
 
 std::string decayAvg(float avg) {
-  char buffer[64];
-  std::snprintf(buffer, sizeof buffer, "%6.1f", static_cast<double>(avg));
-  return buffer;
+  return (reportFormat("%6.1f") % static_cast<double>(avg)).str();
 }
 
 const char* plural(unsigned n) {
@@ -70,7 +60,7 @@ std::ostream& operator<<(std::ostream& os, const DisplayTaskTimeStamp& stamp) {
 
 void taskSchedulerDisplay(std::ostream& os, std::vector<TaskStat>& stats, std::string title,
                           unsigned skipped, bool deadTable, bool hideWorkCounts, unsigned limit) {
-  CleanStreamState clean(os);
+  StreamFormatGuard clean(os);
   std::vector<const TaskStat*> rows;
   rows.reserve(stats.size());
   size_t width = title.size();
@@ -82,8 +72,9 @@ void taskSchedulerDisplay(std::ostream& os, std::vector<TaskStat>& stats, std::s
     return a->taskTotalRunTime() > b->taskTotalRunTime();
   });
 
-  boost::format header(deadTable ? "%s%s %2s %10s %13s %14s %4s %4s %5s %4s %26s %20s"
-                                 : "%s%s %2s %10s %13s %14s %4s %4s %5s %26s %20s");
+  boost::format header =
+      reportFormat(deadTable ? "%s%s %2s %10s %13s %14s %4s %4s %5s %4s %26s %20s"
+                             : "%s%s %2s %10s %13s %14s %4s %4s %5s %26s %20s");
   header % title % std::string(width - title.size(), ' ') % "SP" % "RunCount" % "TotalSec" %
       "Last/Max-Delay" % "200%" % "500%" % "MaxMs";
   if (deadTable) {
@@ -91,9 +82,9 @@ void taskSchedulerDisplay(std::ostream& os, std::vector<TaskStat>& stats, std::s
   }
   os << (header % "Total/DecayA/Max-WorkCount" % "Last/Max-WorkPending") << '\n';
 
-  boost::format row(deadTable
-                        ? "%s%s %2s %10u %13.3f %6.3f %7.3f %4u %4u %5u %4u %10s %8s %6s %9s %10s"
-                        : "%s%s %2s %10u %13.3f %6.3f %7.3f %4u %4u %5u %10s %8s %6s %9s %10s");
+  boost::format row = reportFormat(
+      deadTable ? "%s%s %2s %10u %13.3f %6.3f %7.3f %4u %4u %5u %4u %10s %8s %6s %9s %10s"
+                : "%s%s %2s %10u %13.3f %6.3f %7.3f %4u %4u %5u %10s %8s %6s %9s %10s");
   const std::string hidden = ".";
   size_t shown = std::min<size_t>(rows.size(), limit);
   for (size_t i = 0; i < shown; ++i) {
@@ -117,11 +108,11 @@ void taskSchedulerDisplay(std::ostream& os, std::vector<TaskStat>& stats, std::s
     os << row << '\n';
   }
   if (skipped != 0) {
-    os << boost::format("Skipped %u task%s with no runs\n") % skipped % plural(skipped);
+    os << reportFormat("Skipped %u task%s with no runs\n") % skipped % plural(skipped);
   }
   if (shown < rows.size()) {
     auto left = static_cast<unsigned>(rows.size() - shown);
-    os << boost::format("Truncated %u task%s due to requested limit\n") % left % plural(left);
+    os << reportFormat("Truncated %u task%s due to requested limit\n") % left % plural(left);
   }
 }
 
@@ -129,19 +120,19 @@ void printStatsImpl(std::ostream& os, const TaskSchedulerQueueStats& queueStats,
                     std::chrono::nanoseconds slip, std::vector<TaskStat>* tasks, unsigned skipped,
                     std::vector<TaskStat>* deadTasks, unsigned deadSkipped, bool hideWorkCounts,
                     unsigned taskLimit, unsigned deadTaskLimit) {
-  CleanStreamState clean(os);
-  os << boost::format("%-8s %13s %13s %9s %15s\n") % "Priority" % "RunnableCount" % "IdleCount" %
+  StreamFormatGuard clean(os);
+  os << reportFormat("%-8s %13s %13s %9s %15s\n") % "Priority" % "RunnableCount" % "IdleCount" %
             "DeadCount" % "TotalRunCount";
-  boost::format summary("%-8s %13u %13u %9u %15llu\n");
+  boost::format summary = reportFormat("%-8s %13u %13u %9u %15llu\n");
   for (const auto& [priority, stats] : queueStats) {
     summary.clear();
     os << (summary % priority.toStrep() % stats.runnable % stats.notRunnable % stats.dead %
            stats.runs);
   }
-  os << boost::format("Maximum scheduler slip %.6f seconds\n") % seconds(slip);
+  os << reportFormat("Maximum scheduler slip %.6f seconds\n") % seconds(slip);
 
   os << '\n';
-  boost::format legend("%-17s %s\n");
+  boost::format legend = reportFormat("%-17s %s\n");
   for (const auto& [column, explanation] : kLegend) {
     if (deadTasks || std::string_view(column) != "Dead") {
       legend.clear();
@@ -196,6 +187,7 @@ TaskSchedulerStatsSnapshot TaskSchedulerRoot::statsSnapshotRoot(bool includeNoRu
 void TaskScheduler::printStats(std::ostream& os, bool includeNoRuns, bool hideWorkCounts,
                                unsigned taskLimit, unsigned deadTaskLimit,
                                unsigned historyLimit) const {
+  StreamFormatGuard clean(os);
   TaskSchedulerStatsSnapshot snapshot = statsSnapshot(includeNoRuns, deadTaskLimit != 0);
   printStatsSnapshot(os, snapshot, hideWorkCounts, taskLimit, deadTaskLimit);
   if (historyLimit != 0) {
@@ -206,9 +198,9 @@ void TaskScheduler::printStats(std::ostream& os, bool includeNoRuns, bool hideWo
 void TaskSchedulerRoot::printStats(std::ostream& os, bool includeNoRuns, bool hideWorkCounts,
                                    unsigned taskLimit, unsigned deadTaskLimit,
                                    unsigned historyLimit) const {
+  StreamFormatGuard clean(os);
   TaskSchedulerStatsSnapshot snapshot = statsSnapshotRoot(includeNoRuns, deadTaskLimit != 0);
   printStatsSnapshot(os, snapshot, hideWorkCounts, taskLimit, deadTaskLimit);
-  CleanStreamState clean(os);
   os << '\n';
   printHistory(os, historyLimit);
 }
