@@ -2,6 +2,7 @@
 // out as the per-priority summary, the legend and the task tables.
 #include <algorithm>
 #include <boost/format.hpp>
+#include <charconv>
 #include <iostream>
 #include <locale>
 
@@ -13,8 +14,12 @@ namespace Tarvo {
 namespace {
 
 // The report's formats: printf-like, with the classic locale's separators whatever locale
-// the program has made its global one.
+// the program has made its global one. A format given a locale imbues it for every argument,
+// which costs more than the rest of a row, so only when the global locale is another one.
 boost::format reportFormat(const char* format) {
+  if (std::locale() == std::locale::classic()) {
+    return boost::format(format);
+  }
   return boost::format(format, std::locale::classic());
 }
 
@@ -44,8 +49,15 @@ std::string maybe(TaskMaybeU32 v) {
   return v.recorded() ? std::to_string(v.value()) : std::string("-");
 }
 
+// "%6.1f" whatever the C locale: std::to_chars always writes '.'. Any float fits the buffer
+// (at most 39 integer digits, the point and one decimal).
 std::string decayAvg(float avg) {
-  return (reportFormat("%6.1f") % static_cast<double>(avg)).str();
+  char text[64];
+  char* end =
+      std::to_chars(text, text + sizeof text, static_cast<double>(avg), std::chars_format::fixed, 1)
+          .ptr;
+  std::string_view digits(text, static_cast<size_t>(end - text));
+  return std::string(digits.size() < 6 ? 6 - digits.size() : 0, ' ').append(digits);
 }
 
 const char* plural(unsigned n) {
