@@ -276,17 +276,21 @@ bool LibeventCallbackControl::pendingCallback() const {
 void LibeventCallbackControl::timeout() {
   Platform::CallbackHandler* handler = handler_;
   TARVO_TRACE(traceHandler, 9, "Callback " << static_cast<const void*>(this) << " execute");
+  // What leaves here is parked rather than rethrown: the callback may have destroyed this
+  // control, and the timer part that called us would otherwise ask it about the exception.
+  // That covers an exception thrown by the exception hook itself, too.
   try {
-    handler->callback();
-  } catch (...) {
-    if (!handler->handleCallbackException()) {
-      // Parked here rather than rethrown: the callback may have destroyed this control, and
-      // the timer part that called us would otherwise ask it about the exception.
-      leParkException(std::current_exception());
-      return;
+    try {
+      handler->callback();
+    } catch (...) {
+      if (!handler->handleCallbackException()) {
+        throw;
+      }
+      TARVO_TRACE(traceHandler, 9,
+                  "LibeventCallbackControl::timeout: Callback notification exception was handled");
     }
-    TARVO_TRACE(traceHandler, 9,
-                "LibeventCallbackControl::timeout: Callback notification exception was handled");
+  } catch (...) {
+    leParkException(std::current_exception());
   }
 }
 

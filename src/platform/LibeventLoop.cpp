@@ -1,11 +1,14 @@
 // The per-thread event base and the loop forms that run it.
 #include <event2/event.h>
 #include <event2/event_struct.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <mutex>
 
@@ -14,6 +17,7 @@
 #include "Tarvo/LibeventFactory.h"
 #include "Tarvo/Platform.h"
 #include "platform/LibeventInternal.h"
+#include "util/EnvNumbers.h"
 
 namespace Tarvo {
 namespace {
@@ -146,6 +150,31 @@ void installCallbacks() {
   });
 }
 
+// The descriptors a new base makes for itself: the epoll instance, the signal socket pair and
+// the wake-up descriptor.
+constexpr int kBaseDescriptors = 4;
+
+// 0 when `count` descriptors can be opened now, else the errno of the failure. libevent treats
+// a failure to make its own descriptors as fatal: it calls the fatal callback from deep inside
+// event_base_new and leaves what it made open, so running out is caught before that.
+int descriptorsMissing(int count) {
+  int fds[kBaseDescriptors];
+  int opened = 0;
+  int error = 0;
+  while (opened < count) {
+    fds[opened] = ::eventfd(0, EFD_CLOEXEC);
+    if (fds[opened] < 0) {
+      error = errno;
+      break;
+    }
+    ++opened;
+  }
+  while (opened > 0) {
+    ::close(fds[--opened]);
+  }
+  return error;
+}
+
 }  // namespace
 
 Platform::DebugHandler* leDebugHandler() {
@@ -158,6 +187,10 @@ void leInit() {
     return;
   }
   installCallbacks();
+  int error = descriptorsMissing(kBaseDescriptors);
+  if (error != 0) {
+    RuntimeException::throwException(std::string("event_base_new failed: ") + strerror(error));
+  }
   // With libevent's default (coarse) clock; the timer control corrects its expiries. The
   // precise clock (EVENT_BASE_FLAG_PRECISE_TIMER) makes epoll arm a timerfd on every loop
   // pass, which more than doubles the cost of a pass.
@@ -324,10 +357,8 @@ double waitForDefaultTimeout() {
     if (text == nullptr) {
       return HUGE_VAL;
     }
-    char* end = nullptr;
-    errno = 0;
-    double parsed = std::strtod(text, &end);
-    if (end == text || errno == ERANGE) {
+    double parsed = HUGE_VAL;
+    if (!Impl::parseWaitForDefault(text, &parsed)) {
       std::cerr << "Parsing the WAITFOR_DEFAULT env. variable failed" << std::flush;
       return HUGE_VAL;
     }

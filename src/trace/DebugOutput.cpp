@@ -166,9 +166,21 @@ void DebugHandler::dump(Platform::DebugStream& stream, unsigned level, const cha
   text += '\n';
 
   Platform::LocoGuard guard;
-  std::ostream& out = traceFile_->is_open() ? static_cast<std::ostream&>(*traceFile_) : std::cerr;
-  out.write(text.data(), static_cast<std::streamsize>(text.size()));
-  out.flush();
+  if (traceFile_->is_open()) {
+    traceFile_->write(text.data(), static_cast<std::streamsize>(text.size()));
+    traceFile_->flush();
+    if (traceFile_->good()) {
+      return;
+    }
+    // The file system is full or failing: this line and every later one go to the standard
+    // error stream rather than nowhere.
+    std::cerr << "Error writing TRACEFILE=" << *traceFileName_ << "\n"
+              << "Defaulting to std::cerr for trace output." << std::endl;
+    traceFile_->close();
+    traceFileName_->clear();
+  }
+  std::cerr.write(text.data(), static_cast<std::streamsize>(text.size()));
+  std::cerr.flush();
 }
 
 std::string DebugHandler::displayString(const DebugHandler& handler) {

@@ -5,11 +5,13 @@
 #include <cerrno>
 #include <cstring>
 #include <string_view>
+#include <vector>
 
 #include "Tarvo/Debug.h"
 #include "Tarvo/Exception.h"
 #include "Tarvo/UtilFiles.h"
 #include "util/NulCheck.h"
+#include "util/PathPlan.h"
 #include "util/UtilTrace.h"
 
 namespace Tarvo::Util {
@@ -239,7 +241,10 @@ int mkpath(const std::string& path, unsigned mode) {
   return mkpathWithZeroUmask(path, mode);
 }
 
-int trimpath(const std::string& absolute, const std::string& trailing) {
+namespace Impl {
+
+std::vector<std::string> trimpathDirectories(const std::string& absolute,
+                                             const std::string& trailing) {
   trimpathCheck(!absolute.empty(), "absolute path is empty", __LINE__);
   trimpathCheck(absolute[0] == '/', "absolute path is not absolute", __LINE__);
   trimpathCheck(!trailing.empty(), "trailing path is empty", __LINE__);
@@ -249,10 +254,21 @@ int trimpath(const std::string& absolute, const std::string& trailing) {
   trimpathCheck(absolute.compare(base, std::string::npos, trailing) == 0,
                 "trailing path is not a terminal substring of absolute path", __LINE__);
   trimpathCheck(!Impl::holdsNul(absolute), "absolute path holds a NUL byte", __LINE__);
-
-  Platform::DebugHandler& h = Impl::utilTrace();
-  std::string current = absolute;
+  std::vector<std::string> directories{absolute};
   for (;;) {
+    size_t pos = directories.back().rfind('/');
+    if (pos == std::string::npos || pos <= base) {
+      return directories;
+    }
+    directories.push_back(directories.back().substr(0, pos));
+  }
+}
+
+}  // namespace Impl
+
+int trimpath(const std::string& absolute, const std::string& trailing) {
+  Platform::DebugHandler& h = Impl::utilTrace();
+  for (const std::string& current : Impl::trimpathDirectories(absolute, trailing)) {
     TARVO_TRACE(h, 9, "Util::trimpath() removing dir " << current);
     if (::rmdir(current.c_str()) != 0 && errno != ENOENT) {
       int err = errno;
@@ -260,11 +276,6 @@ int trimpath(const std::string& absolute, const std::string& trailing) {
                   "Util::trimpath() rmdir() error " << current << " reason: " << strerror(err));
       return -1;
     }
-    size_t pos = current.rfind('/');
-    if (pos == std::string::npos || pos <= base) {
-      break;
-    }
-    current.resize(pos);
   }
   TARVO_TRACE(
       h, 5, "Util::trimpath() removed sub-tree " << trailing << " from absolute path " << absolute);

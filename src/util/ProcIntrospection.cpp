@@ -111,8 +111,8 @@ unsigned readProcFd(Platform::DebugHandler& h, unsigned long inode) {
 
 // Whether the descriptor's fdinfo lists a record lock held through it.
 bool holdsLock(Platform::DebugHandler& h, unsigned pid, const char* fdName) {
-  std::string info = fileRead(h, "/proc/" + std::to_string(pid) + "/fdinfo/" + fdName, true);
-  return info.find("OFDLCK") != std::string::npos || info.find("POSIX") != std::string::npos;
+  return Impl::fdinfoShowsLock(
+      fileRead(h, "/proc/" + std::to_string(pid) + "/fdinfo/" + fdName, true));
 }
 
 }  // namespace
@@ -189,9 +189,8 @@ unsigned readLockPid(Platform::DebugHandler& h, const std::string& lockName) {
   // list open-file-description locks with pid -1, though, so while any is listed every
   // process has to be looked at.
   std::string locks = fileRead(h, "/proc/locks", true);
-  bool ownersHidden = locks.find("OFDLCK") != std::string::npos;
   auto holdsSomeLock = [&](const std::string& name) {
-    return pidOfProcEntry(name) != 0 && (ownersHidden || locks.find(name) != std::string::npos);
+    return pidOfProcEntry(name) != 0 && Impl::procLocksMayList(locks, name);
   };
   return walkProcFds(
       h, "readLockPid", "Util::readLockPid()", holdsSomeLock,

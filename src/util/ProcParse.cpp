@@ -1,6 +1,6 @@
 #include "util/ProcParse.h"
 
-#include <cstdlib>
+#include <charconv>
 #include <cstring>
 #include <sstream>
 #include <vector>
@@ -100,7 +100,13 @@ unsigned long socketInodeFromNetUnix(Platform::DebugHandler& h, const std::strin
       size_t begin = before == std::string::npos ? 0 : before + 1;
       text = line.substr(begin, last - begin);
     }
-    unsigned long inode = std::strtoul(text.c_str(), nullptr, 10);
+    // Digits only and in range: a signed or overlong column must not become a large,
+    // wrong inode.
+    unsigned long inode = 0;
+    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), inode);
+    if (error != std::errc() || end != text.data() + text.size()) {
+      inode = 0;
+    }
     if (inode == 0) {
       TARVO_TRACE(h, 1, "Util::readProcNetUnix() Couldn't convert inode '" << text << "' to U32.");
     } else {
@@ -109,6 +115,14 @@ unsigned long socketInodeFromNetUnix(Platform::DebugHandler& h, const std::strin
     return inode;
   }
   return 0;
+}
+
+bool procLocksMayList(const std::string& locks, const std::string& entryName) {
+  return locks.find("OFDLCK") != std::string::npos || locks.find(entryName) != std::string::npos;
+}
+
+bool fdinfoShowsLock(const std::string& fdinfo) {
+  return fdinfo.find("OFDLCK") != std::string::npos || fdinfo.find("POSIX") != std::string::npos;
 }
 
 }  // namespace Tarvo::Util::Impl

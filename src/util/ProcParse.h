@@ -25,4 +25,14 @@ std::string procStartTimeFromStat(Platform::DebugHandler& h, const std::string& 
 unsigned long socketInodeFromNetUnix(Platform::DebugHandler& h, const std::string& netUnix,
                                      const std::string& socketName);
 
+// Whether the process whose /proc entry is `entryName` may hold one of the locks listed in
+// the /proc/locks text `locks`: its name occurs anywhere in the text (a plain substring
+// filter, so 12 also passes when only 123 holds a lock), or the text lists an
+// open-file-description lock, whose owner the kernel shows as -1.
+bool procLocksMayList(const std::string& locks, const std::string& entryName);
+
+// Whether a /proc/<pid>/fdinfo/<fd> text lists a record lock (POSIX or OFD) held through
+// that descriptor.
+bool fdinfoShowsLock(const std::string& fdinfo);
+
 }  // namespace Tarvo::Util::Impl

@@ -6,6 +6,7 @@
 
 #include "Tarvo/Debug.h"
 #include "Tarvo/Platform.h"
+#include "util/EnvNumbers.h"
 
 namespace Tarvo {
 namespace {
@@ -31,7 +32,7 @@ void Random::setSeed() {
   if (firstSetSeedFlag) {
     firstSetSeedFlag = false;
     if (const char* env = std::getenv("ZQTEST_RANDSEED")) {
-      seed = static_cast<unsigned>(std::strtoul(env, nullptr, 10));
+      seed = Impl::parseRandSeed(env);
     } else {
       timespec now{};
       clock_gettime(CLOCK_MONOTONIC, &now);

@@ -151,6 +151,19 @@ TEST_F(TraceOutput, UnopenableTraceFileFallsBackToStandardError) {
             "Defaulting to std::cerr for trace output.\nstill here\n");
 }
 
+// A trace file that stops taking lines (/dev/full: every write fails with ENOSPC, as on a
+// full file system) hands the failed line and the later ones to the standard error stream.
+TEST_F(TraceOutput, TraceFileThatFailsToWriteFallsBackToStandardError) {
+  Platform::clearTraceFormat();
+  testing::internal::CaptureStderr();
+  traceTo("/dev/full");
+  TARVO_TRACE(handler_, 3, "lost before");
+  TARVO_TRACE(handler_, 3, "next");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "Error writing TRACEFILE=/dev/full\n"
+            "Defaulting to std::cerr for trace output.\nlost before\nnext\n");
+}
+
 TEST_F(TraceOutput, LinesFromManyThreadsStayWhole) {
   Tarvo::Test::TempDir dir;
   const std::string path = dir.file("threads.log");

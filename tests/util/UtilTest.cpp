@@ -490,9 +490,16 @@ TEST(ProcIntrospectionTest, ParsersHandleCraftedAndMalformedTexts) {
       "Num       RefCount Protocol Flags    Type St Inode Path\n"
       "0000000000000000: 00000002 00000000 00010000 0005 01 1111 @agent.sock.old\n"
       "0000000000000000: 00000002 00000000 00010000 0005 01 2222 @agent.sock\n"
-      "0000000000000000: 00000002 00000000 00010000 0005 01 abc @broken\n";
+      "0000000000000000: 00000002 00000000 00010000 0005 01 abc @broken\n"
+      "0000000000000000: 00000002 00000000 00010000 0005 01 -5 @negative\n"
+      "0000000000000000: 00000002 00000000 00010000 0005 01 777777777777777777777 @overlong\n"
+      "0000000000000000: 00000002 00000000 00010000 0005 01 12x @suffixed\n";
   EXPECT_EQ(socketInodeFromNetUnix(trace, netUnix, "@agent.sock"), 1111u);
-  EXPECT_EQ(socketInodeFromNetUnix(trace, netUnix, "broken"), 0u);
+  // A column that is not a plain number in range is no inode (strtoul once made -5 and the
+  // overlong column into huge ones).
+  for (const char* name : {"broken", "negative", "overlong", "suffixed"}) {
+    EXPECT_EQ(socketInodeFromNetUnix(trace, netUnix, name), 0u) << name;
+  }
 
   std::istringstream maps(
       "7f1200000000-7f1200021000 rw-p 00000000 00:00 0 \n"
