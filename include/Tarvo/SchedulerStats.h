@@ -69,8 +69,9 @@ constexpr unsigned statsNoLimit = 0xffffffffu;
 // the legend, the live table and, when `deadTasks` is not null, the dead table. Sorts the
 // vectors in place (largest total run time first). `hideWorkCounts` replaces each work-count
 // figure of the live table with the placeholder "."; the dead table always shows them.
-// Prints with a clean format state (decimal, blank fill, right adjustment) and gives the
-// caller's state back.
+// The text does not depend on the caller's stream format nor on the global locale (figures
+// always use '.' and no digit grouping); the caller's flags, fill, precision and locale are
+// given back, and a width set before the call is used up, as by any output.
 void printStatsImpl(std::ostream& os, const TaskSchedulerQueueStats& queueStats,
                     std::chrono::nanoseconds slip, std::vector<TaskStat>* tasks, unsigned skipped,
                     std::vector<TaskStat>* deadTasks, unsigned deadSkipped, bool hideWorkCounts,

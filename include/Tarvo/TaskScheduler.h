@@ -382,9 +382,11 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
   // scheduler slip, the dead-task records and dead counts.
   void clearStats();
   // Starts an incremental reset (or starts it over): the task "<scheduler name>;ResetStats"
-  // (normal priority) resets tasks in list order, yielding by its own quantum after at least
-  // one task per run; the per-priority figures and dead records are cleared by its last run.
-  // Tasks registered meanwhile start with fresh counters and are not visited.
+  // (normal priority; in a group that enforces its priority, the group's) resets the other
+  // tasks in list order, yielding by its own quantum after at least one task per run; the
+  // per-priority figures and dead records are cleared by its last run. Its own figures are
+  // left alone: they describe the resets. Tasks registered meanwhile start with fresh
+  // counters and are not visited.
   void resetStats();
   // One run of the incremental reset; called by the reset task.
   void handleResetStatsTaskRun();

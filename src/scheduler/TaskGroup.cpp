@@ -87,17 +87,19 @@ void TaskGroup::runTurn(ParentTask& parent) {
   }
   unsigned long long count = 0;
   // Under the real-time rule the budget is checked against the end stamp of the inner run
-  // (the group's last run request), which spares a clock read per inner run.
-  const bool realTime = parent.taskShouldYieldMode() == TaskImpl::realTime;
+  // (the group's last run request), which spares a clock read per inner run. The mode and
+  // the quantum are read after every inner run: an inner task may change either (a test
+  // yield switched on, a new group quantum), and the turn follows at once.
   const TaskTimePoint turnStart = processClockNow();
-  const nanoseconds budget = parent.taskQuantum();
   try {
     // A suspended root ignores every run; the turn then ends at once.
     while (!root()->suspended() && taskPickable()) {
       ++count;
       handleSchedulerRun();
-      if (realTime ? lastRunRequestTime() < turnStart || lastRunRequestTime() - turnStart >= budget
-                   : parent.taskShouldYield()) {
+      if (parent.taskShouldYieldMode() == TaskImpl::realTime
+              ? lastRunRequestTime() < turnStart ||
+                    lastRunRequestTime() - turnStart >= parent.taskQuantum()
+              : parent.taskShouldYield()) {
         break;
       }
     }

@@ -2,8 +2,9 @@
 // out as the per-priority summary, the legend and the task tables.
 #include <algorithm>
 #include <boost/format.hpp>
-#include <cstdio>
+#include <charconv>
 #include <iostream>
+#include <locale>
 
 #include "Tarvo/TaskScheduler.h"
 #include "stats/StreamFormatGuard.h"
@@ -11,6 +12,16 @@
 namespace Tarvo {
 
 namespace {
+
+// The report's formats: printf-like, with the classic locale's separators whatever locale
+// the program has made its global one. A format given a locale imbues it for every argument,
+// which costs more than the rest of a row, so only when the global locale is another one.
+boost::format reportFormat(const char* format) {
+  if (std::locale() == std::locale::classic()) {
+    return boost::format(format);
+  }
+  return boost::format(format, std::locale::classic());
+}
 
 const char* const kLegend[][2] = {
     {"SP", "= Task status and priority % two characters:"},
@@ -38,10 +49,15 @@ std::string maybe(TaskMaybeU32 v) {
   return v.recorded() ? std::to_string(v.value()) : std::string("-");
 }
 
+// "%6.1f" whatever the C locale: std::to_chars always writes '.'. Any float fits the buffer
+// (at most 39 integer digits, the point and one decimal).
 std::string decayAvg(float avg) {
-  char buffer[64];
-  std::snprintf(buffer, sizeof buffer, "%6.1f", static_cast<double>(avg));
-  return buffer;
+  char text[64];
+  char* end =
+      std::to_chars(text, text + sizeof text, static_cast<double>(avg), std::chars_format::fixed, 1)
+          .ptr;
+  std::string_view digits(text, static_cast<size_t>(end - text));
+  return std::string(digits.size() < 6 ? 6 - digits.size() : 0, ' ').append(digits);
 }
 
 const char* plural(unsigned n) {
@@ -68,8 +84,9 @@ void taskSchedulerDisplay(std::ostream& os, std::vector<TaskStat>& stats, std::s
     return a->taskTotalRunTime() > b->taskTotalRunTime();
   });
 
-  boost::format header(deadTable ? "%s%s %2s %10s %13s %14s %4s %4s %5s %4s %26s %20s"
-                                 : "%s%s %2s %10s %13s %14s %4s %4s %5s %26s %20s");
+  boost::format header =
+      reportFormat(deadTable ? "%s%s %2s %10s %13s %14s %4s %4s %5s %4s %26s %20s"
+                             : "%s%s %2s %10s %13s %14s %4s %4s %5s %26s %20s");
   header % title % std::string(width - title.size(), ' ') % "SP" % "RunCount" % "TotalSec" %
       "Last/Max-Delay" % "200%" % "500%" % "MaxMs";
   if (deadTable) {
@@ -77,9 +94,9 @@ void taskSchedulerDisplay(std::ostream& os, std::vector<TaskStat>& stats, std::s
   }
   os << (header % "Total/DecayA/Max-WorkCount" % "Last/Max-WorkPending") << '\n';
 
-  boost::format row(deadTable
-                        ? "%s%s %2s %10u %13.3f %6.3f %7.3f %4u %4u %5u %4u %10s %8s %6s %9s %10s"
-                        : "%s%s %2s %10u %13.3f %6.3f %7.3f %4u %4u %5u %10s %8s %6s %9s %10s");
+  boost::format row = reportFormat(
+      deadTable ? "%s%s %2s %10u %13.3f %6.3f %7.3f %4u %4u %5u %4u %10s %8s %6s %9s %10s"
+                : "%s%s %2s %10u %13.3f %6.3f %7.3f %4u %4u %5u %10s %8s %6s %9s %10s");
   const std::string hidden = ".";
   size_t shown = std::min<size_t>(rows.size(), limit);
   for (size_t i = 0; i < shown; ++i) {
@@ -103,11 +120,11 @@ void taskSchedulerDisplay(std::ostream& os, std::vector<TaskStat>& stats, std::s
     os << row << '\n';
   }
   if (skipped != 0) {
-    os << boost::format("Skipped %u task%s with no runs\n") % skipped % plural(skipped);
+    os << reportFormat("Skipped %u task%s with no runs\n") % skipped % plural(skipped);
   }
   if (shown < rows.size()) {
     auto left = static_cast<unsigned>(rows.size() - shown);
-    os << boost::format("Truncated %u task%s due to requested limit\n") % left % plural(left);
+    os << reportFormat("Truncated %u task%s due to requested limit\n") % left % plural(left);
   }
 }
 
@@ -116,18 +133,18 @@ void printStatsImpl(std::ostream& os, const TaskSchedulerQueueStats& queueStats,
                     std::vector<TaskStat>* deadTasks, unsigned deadSkipped, bool hideWorkCounts,
                     unsigned taskLimit, unsigned deadTaskLimit) {
   StreamFormatGuard clean(os);
-  os << boost::format("%-8s %13s %13s %9s %15s\n") % "Priority" % "RunnableCount" % "IdleCount" %
+  os << reportFormat("%-8s %13s %13s %9s %15s\n") % "Priority" % "RunnableCount" % "IdleCount" %
             "DeadCount" % "TotalRunCount";
-  boost::format summary("%-8s %13u %13u %9u %15llu\n");
+  boost::format summary = reportFormat("%-8s %13u %13u %9u %15llu\n");
   for (const auto& [priority, stats] : queueStats) {
     summary.clear();
     os << (summary % priority.toStrep() % stats.runnable % stats.notRunnable % stats.dead %
            stats.runs);
   }
-  os << boost::format("Maximum scheduler slip %.6f seconds\n") % seconds(slip);
+  os << reportFormat("Maximum scheduler slip %.6f seconds\n") % seconds(slip);
 
   os << '\n';
-  boost::format legend("%-17s %s\n");
+  boost::format legend = reportFormat("%-17s %s\n");
   for (const auto& [column, explanation] : kLegend) {
     if (deadTasks || std::string_view(column) != "Dead") {
       legend.clear();
@@ -182,6 +199,7 @@ TaskSchedulerStatsSnapshot TaskSchedulerRoot::statsSnapshotRoot(bool includeNoRu
 void TaskScheduler::printStats(std::ostream& os, bool includeNoRuns, bool hideWorkCounts,
                                unsigned taskLimit, unsigned deadTaskLimit,
                                unsigned historyLimit) const {
+  StreamFormatGuard clean(os);
   TaskSchedulerStatsSnapshot snapshot = statsSnapshot(includeNoRuns, deadTaskLimit != 0);
   printStatsSnapshot(os, snapshot, hideWorkCounts, taskLimit, deadTaskLimit);
   if (historyLimit != 0) {
@@ -192,6 +210,7 @@ void TaskScheduler::printStats(std::ostream& os, bool includeNoRuns, bool hideWo
 void TaskSchedulerRoot::printStats(std::ostream& os, bool includeNoRuns, bool hideWorkCounts,
                                    unsigned taskLimit, unsigned deadTaskLimit,
                                    unsigned historyLimit) const {
+  StreamFormatGuard clean(os);
   TaskSchedulerStatsSnapshot snapshot = statsSnapshotRoot(includeNoRuns, deadTaskLimit != 0);
   printStatsSnapshot(os, snapshot, hideWorkCounts, taskLimit, deadTaskLimit);
   os << '\n';

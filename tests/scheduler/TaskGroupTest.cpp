@@ -121,6 +121,30 @@ TEST_F(TaskGroupTest, TurnsRunOnceEachWithoutMultipleRunsAndUntilTheQuantumWithT
   EXPECT_EQ(runs, 12);
   EXPECT_FALSE(group->parentTaskScheduled());
   EXPECT_EQ(root->runUntilIdle(), 1u);  // the run that finds the root idle
+
+  // An inner task that shortens the group's quantum or switches on test yielding ends the
+  // turn it runs in.
+  log.clear();
+  auto shorten = std::make_shared<FnTask>(group, P::normal, "q", [&](FnTask&) {
+    log += 'q';
+    group->taskGroupQuantumNoCheckIs(1ns);
+  });
+  auto yield = std::make_shared<FnTask>(group, P::normal, "y", [&](FnTask& t) {
+    log += 'y';
+    t.taskForceYieldInTestIs(true);
+  });
+  auto last = loggingTask(group, P::normal, "z", log);
+  shorten->scheduleTask();
+  yield->scheduleTask();
+  last->scheduleTask();
+  turn();
+  EXPECT_EQ(log, "q");
+  group->taskGroupQuantumIs(1s);
+  turn();
+  EXPECT_EQ(log, "qy");
+  yield->taskForceYieldInTestIs(false);
+  turn();
+  EXPECT_EQ(log, "qyz");
 }
 
 TEST_F(TaskGroupTest, NestedGroupsScheduleTheirParentsAndPassTestYieldingUp) {

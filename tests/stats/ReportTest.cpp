@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <iomanip>
+#include <locale>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -24,8 +25,13 @@ const std::string kTableHeader =
 TEST(ReportTest, EmptySchedulerAndNeverRunTaskGoldenText) {
   auto root = std::make_shared<TaskSchedulerRootManual>("root");
   auto group = TaskGroupIs("g", TaskPriority::normal, false, root);
+  // A width and fill left on the caller's stream change nothing in the text, and the width
+  // is used up as by any output.
   std::ostringstream os;
+  os << std::setfill('*');
+  os.width(100);
   group->printStats(os, false, false, 10, 0, 1);
+  EXPECT_EQ(os.width(), 0);
   EXPECT_EQ(os.str(),
             "Priority RunnableCount     IdleCount DeadCount   TotalRunCount\n"
             "absolute             0             0         0               0\n"
@@ -96,14 +102,25 @@ TEST(ReportTest, TablesSortTruncateSkipShowDeadRecordsAndPlaceholdersOnACleanStr
   TaskSchedulerQueueStats queues;
   queues[P::high] = {P::high, 1, 2, 3, 4};
 
+  // Neither the caller's stream format nor a program-wide locale with other separators
+  // changes the figures.
+  struct Separators : std::numpunct<char> {
+    char do_decimal_point() const override { return ','; }
+    char do_thousands_sep() const override { return '.'; }
+    std::string do_grouping() const override { return "\3"; }
+  };
   std::ostringstream os;
   os << std::hex << std::left << std::setfill('*') << std::setprecision(2);
   const auto flags = os.flags();
   os.width(30);
+  const std::locale previous =
+      std::locale::global(std::locale(std::locale::classic(), new Separators));
   printStatsImpl(os, queues, 12345679ns, &live, 2, &dead, 0, true, 2, 5);
+  std::locale::global(previous);
   EXPECT_EQ(os.flags(), flags);
   EXPECT_EQ(os.fill(), '*');
   EXPECT_EQ(os.precision(), 2);
+  EXPECT_EQ(os.width(), 0);
 
   const std::string text = os.str();
   EXPECT_EQ(text.substr(0, text.find("\n\n") + 1),
@@ -245,8 +262,11 @@ TEST(ReportTest, RootReportCoversTheTreeDeadRecordsAndEndsWithTheHistory) {
   std::make_shared<FnTask>(root, TaskPriority::low, "old")->taskRunFromTest();
   root->runUntilIdle();
   std::ostringstream os;
+  os.width(100);
   root->printStats(os, true, false, 100, 100, 3);
+  EXPECT_EQ(os.width(), 0);
   const std::string text = os.str();
+  EXPECT_EQ(text.rfind("Priority ", 0), 0u);
   for (const char* line : {"\nconn ", "\nconns;TaskGroup ", "\nold ",
                            "Truncated due to requested limit", "\nLast 3 scheduler events"}) {
     EXPECT_NE(text.find(line), std::string::npos) << line;
