@@ -51,7 +51,7 @@ void BM_SelfReschedulingTask(benchmark::State& state) {
   }
   state.counters["per_link"] = perLink();
 }
-BENCHMARK(BM_SelfReschedulingTask)->Arg(0)->Arg(10000);
+BENCHMARK(BM_SelfReschedulingTask)->Arg(0)->Arg(100)->Arg(1000)->Arg(10000);
 
 }  // namespace
 

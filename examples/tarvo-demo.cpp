@@ -29,6 +29,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <fstream>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -220,6 +221,7 @@ int main() {
   });
 
   std::shared_ptr<Tarvo::TaskSchedulerRoot> root = Tarvo::schedulerRootTarvo();
+  root->historyEntryCountIs(4000);  // room for the whole run in the timeline written below
   auto crunch = std::make_shared<Crunch>(root, 20'000'000);
   auto ticker = std::make_shared<Repeater>(root, TaskPriority::normal, "ticker", 50);
   auto warden = std::make_shared<Warden>(root, *crunch);
@@ -261,5 +263,13 @@ int main() {
   ::close(pair[1]);
   std::cout << "\nStatistics report of the main thread's scheduler tree:\n\n";
   root->printStats(std::cout, true, false, 20, 20, 12);
+
+  // The history as a timeline: one track per scheduler, one bar per task run.
+  std::ofstream timeline("tarvo-demo.trace.json");
+  root->writeTraceEvents(timeline);
+  timeline.close();
+  std::cout << "\nTimeline of the main thread's last " << root->history()->size()
+            << " scheduling events written to tarvo-demo.trace.json: open it in\n"
+               "https://ui.perfetto.dev (Open trace file) or chrome://tracing (Load).\n";
   return crunch->finished() && lines->eof() ? 0 : 1;
 }

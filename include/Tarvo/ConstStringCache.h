@@ -23,11 +23,14 @@ namespace Tarvo {
 
 class ConstStringCache;
 
+// A counted handle on one interned string; an empty handle refers to nothing.
 class ConstStringRef {
  public:
   // One interned string and its reference count.
   class Elem {
    public:
+    // An element of `cache` holding `string`, counted from zero; its string, its count, and
+    // one more reference.
     Elem(ConstStringCache* cache, std::string_view string) : cache_(cache), string_(string) {}
     const std::string& str() const noexcept { return string_; }
     uint32_t refCount() const noexcept { return refCount_; }
@@ -50,11 +53,13 @@ class ConstStringRef {
   };
 
   ConstStringRef() = default;
+  // A handle on `elem` (counted), or an empty one for null.
   explicit ConstStringRef(const Elem* elem) noexcept : elem_(elem) {
     if (elem_) {
       elem_->refCountInc();
     }
   }
+  // Copies count one more reference; moves hand the reference over and leave `other` empty.
   ConstStringRef(const ConstStringRef& other) noexcept : ConstStringRef(other.elem_) {}
   ConstStringRef(ConstStringRef&& other) noexcept : elem_(other.elem_) { other.elem_ = nullptr; }
   ConstStringRef& operator=(const ConstStringRef& other) {
@@ -77,6 +82,7 @@ class ConstStringRef {
   }
   ~ConstStringRef() { release(); }
 
+  // Whether the handle refers to nothing.
   bool empty() const noexcept { return elem_ == nullptr; }
   // The string; "" for an empty reference.
   const std::string& str() const noexcept { return elem_ ? elem_->str() : emptyString(); }
@@ -105,11 +111,13 @@ class ConstStringRef {
 
 // Hashes a reference by its string's bytes; an empty reference hashes to 0.
 struct ConstStringRefHasher {
+  // The hash of `ref`.
   size_t operator()(const ConstStringRef& ref) const noexcept {
     return ref.empty() ? 0 : std::hash<std::string>()(ref.str());
   }
 };
 
+// The set of interned strings of one scheduler tree.
 class ConstStringCache {
  public:
   ConstStringCache() = default;

@@ -41,6 +41,7 @@ class DebugStream : public std::stringstream {};
 // release it with destroyDebugHandler(), or hold it through Debuggable / DebugSupport.
 class DebugHandler {
  public:
+  // Ten levels, 0 to 9, and the mask with all of them on.
   static constexpr unsigned kLevelCount = 10;
   static constexpr uint32_t kAllLevels = 0x3ff;
 
@@ -191,12 +192,16 @@ namespace Impl {
 // Shared body of Debuggable and DebugSupport: a handler pointer and whether it is owned.
 class DebugHolder {
  public:
+  // Holds (and owns) the registry's handler of that name.
   explicit DebugHolder(const std::string& name);
+  // Uses `handler` without owning it.
   explicit DebugHolder(Platform::DebugHandler& handler) : handler_(&handler), owned_(false) {}
+  // A copy owns a handler of its own of the same name when the original owns one.
   DebugHolder(const DebugHolder& other);
   DebugHolder& operator=(const DebugHolder& other);
   virtual ~DebugHolder();
 
+  // The handler, and whether this holder releases it.
   Platform::DebugHandler* debugHandler() const { return handler_; }
   bool debugHandlerOwned() const { return owned_; }
 

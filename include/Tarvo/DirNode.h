@@ -18,6 +18,7 @@
 
 namespace Tarvo {
 
+// A handle on a directory stream; see the top of this file.
 class DirNode : public Debuggable {
  public:
   // Opens `path`. A failure is traced (at 9 for ENOENT, EACCES and ENOTDIR, expected in a
@@ -40,6 +41,8 @@ class DirNode : public Debuggable {
   // system reports a read error.
   struct dirent* readEntry() const;
 
+  // Whether the directory could be opened, its path, and the node of its enclosing
+  // directory (null when none was given).
   bool isOpen() const { return dir_ != nullptr; }
   const std::string& path() const { return path_; }
   const std::shared_ptr<DirNode>& parent() const { return parent_; }

@@ -13,8 +13,10 @@ namespace Tarvo {
 // as they were.
 class DisplayPointer {
  public:
+  // Wraps `pointer` for printing.
   explicit DisplayPointer(const void* pointer) : pointer_(pointer) {}
 
+  // The printed form, and the pointer itself.
   std::string toString() const;
   const void* pointer() const { return pointer_; }
 
@@ -22,6 +24,7 @@ class DisplayPointer {
   const void* pointer_;
 };
 
+// Writes the printed form of `pointer`.
 std::ostream& operator<<(std::ostream& os, const DisplayPointer& pointer);
 
 }  // namespace Tarvo

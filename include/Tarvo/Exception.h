@@ -23,6 +23,7 @@ class DebugStream;
 // A captured call stack: up to kMaxFrames return addresses of the capturing thread.
 class Backtrace {
  public:
+  // The most frames a backtrace holds.
   static constexpr unsigned kMaxFrames = 100;
 
   // Captures the calling thread's stack when `capture` is true; otherwise stays empty.
@@ -37,6 +38,7 @@ class Backtrace {
   // known, then "[address]". "No backtrace available\n" when nothing was captured.
   std::string pretty() const;
 
+  // The number of frames captured, and frame `i` of them (innermost first).
   unsigned count() const { return count_; }
   void* frame(unsigned i) const { return frames_[i]; }
 
@@ -51,17 +53,23 @@ class Backtrace {
 // dropped); a copy of the exception builds its own.
 class Exception : public std::exception {
  public:
+  // An exception with `message`, capturing the calling thread's stack when `backtrace`.
   Exception(std::string message, bool backtrace);
+  // Copies the message and backtrace; the copy builds its own what() text.
   Exception(const Exception& other);
   Exception& operator=(const Exception& other);
   ~Exception() override;
 
+  // The text described above, built on the first call.
   const char* what() const noexcept override;
+  // The qualified class name, "Tarvo::Exception" here and each derived class's own.
   virtual const char* name() const { return "Tarvo::Exception"; }
 
+  // The message and the backtrace given at construction.
   const std::string& message() const { return message_; }
   const Backtrace& backtrace() const { return backtrace_; }
 
+  // Throws an exception of this class with `message`.
   [[noreturn]] static void throwException(const std::string& message);
 
  private:
@@ -71,6 +79,8 @@ class Exception : public std::exception {
   mutable std::atomic<const std::string*> what_{nullptr};
 };
 
+// Declares an exception class: the constructor from a message (with a backtrace), name(), and
+// throwException(message).
 #define TARVO_DECLARE_EXCEPTION_(Class, Base)                                       \
   class Class : public Base {                                                       \
    public:                                                                          \

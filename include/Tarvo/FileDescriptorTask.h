@@ -71,14 +71,18 @@
 
 namespace Tarvo {
 
+// Readiness of one descriptor turned into a read task and a write task; see the top of this
+// file.
 class FileDescriptorTask : public _TaskBase, private Platform::FdEventHandler {
  public:
+  // Quanta of the sub-tasks.
   using nanoseconds = std::chrono::nanoseconds;
 
   // A sub-task: a plain task that knows its owner until the owner is destroyed. Its busy
   // state is reported to the owner, which is busy while either direction is scheduled.
   class ReadWriteTaskBase : public Task {
    public:
+    // A sub-task of `owner` in `scheduler`; the owner, until the owner is destroyed.
     ReadWriteTaskBase(std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority,
                       const std::string& name, FileDescriptorTask* owner);
     FileDescriptorTask* owner() const noexcept { return owner_; }
@@ -133,9 +137,10 @@ class FileDescriptorTask : public _TaskBase, private Platform::FdEventHandler {
 
   // The watched descriptor, -1 when none.
   int taskWatchFd() const;
-  // Watches `fd` for the directions switched on. Another descriptor than the watched one
-  // first unschedules both sub-tasks: readiness of the old one means nothing any more.
-  // Throws AssertException (and changes nothing) when `fd` is negative or not open.
+  // Watches `fd` for the directions switched on. The watched descriptor (or -1 when none is
+  // watched) changes nothing. Another descriptor first unschedules both sub-tasks: readiness
+  // of the old one means nothing any more. Throws AssertException (and changes nothing) when
+  // another `fd` is negative or not open.
   void taskWatchFdIs(int fd);
   // Stops watching and forgets the descriptor; unschedules both sub-tasks.
   void taskWatchFdDel();
@@ -155,6 +160,7 @@ class FileDescriptorTask : public _TaskBase, private Platform::FdEventHandler {
 
   // ---- Settings forwarded to both sub-tasks ----
 
+  // The quantum, the suspension and the forced test yield of both sub-tasks.
   void taskQuantumIs(nanoseconds q);
   void taskSuspendedIs(bool suspended);
   void taskForceYieldInTestIs(bool on);
@@ -171,11 +177,13 @@ class FileDescriptorTask : public _TaskBase, private Platform::FdEventHandler {
 
   // ---- Status and work counts per direction ----
 
+  // Whether the read task / the write task is scheduled.
   bool taskScheduledReadable() const;
   bool taskScheduledWritable() const;
   // Totals, decaying averages ((9 * avg + n) / 10 after the first sample) and high-water
   // marks of the counts reported in each direction. The read side's mark is 4294967295 until
-  // its first count; without a write task the write side reads 0.
+  // its first count; a count of 2^32 or more sets it to its low 32 bits (see
+  // TaskImpl::taskWorkCountInc()). Without a write task the write side reads 0.
   uint64_t taskWorkCountReadableTotal() const;
   float taskWorkCountReadableDecayAvg() const;
   uint32_t taskWorkCountReadableHighWaterMark() const;

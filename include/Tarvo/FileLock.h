@@ -29,6 +29,7 @@ namespace Tarvo {
 int cmd_F_OFD_SETLK();
 int cmd_F_OFD_GETLK();
 
+// An advisory, process-exclusive lock on a named file; see the top of this file.
 class FileLock : public Debuggable {
  public:
   // The lock file is `directory` + "/" + `filename` (the separator is always inserted), or
@@ -63,6 +64,7 @@ class FileLock : public Debuggable {
   // closed this way can no longer be release()d.
   void closeFd();
 
+  // The path of the lock file.
   const std::string& file() const { return file_; }
 
  private:

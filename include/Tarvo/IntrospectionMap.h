@@ -10,6 +10,7 @@
 
 namespace Tarvo {
 
+// The process-wide table of value printers by type name; see the top of this file.
 class IntrospectionMap {
  public:
   // Renders the value at the given address.

@@ -16,29 +16,35 @@ namespace Tarvo {
 template <typename Element>
 class BookmarkListLinkNode {
  public:
+  // What a node is: a bookmark, or the link of an element.
   static constexpr uint32_t kindBookmark = 1;
   static constexpr uint32_t kindElement = 0;
 
+  // A node of that kind, unlinked.
   explicit BookmarkListLinkNode(uint32_t kind = kindElement) : kind_(kind) {}
   // A copy starts unlinked and keeps the kind.
   BookmarkListLinkNode(const BookmarkListLinkNode& other) : kind_(other.kind_) {}
   BookmarkListLinkNode& operator=(const BookmarkListLinkNode&) { return *this; }
 
+  // Whether the node is on a list; taking it off; what it is.
   bool isLinked() const noexcept { return hook_.is_linked(); }
   void unlink() noexcept { hook_.unlink(); }
   uint32_t kind() const noexcept { return kind_; }
 
+  // The hook that links the node (used by the list).
   IntrusiveList::Hook hook_;
 
  private:
   uint32_t kind_;
 };
 
+// A list that can hold bookmarks; see the top of this file.
 template <typename Element, typename LinkNode, LinkNode Element::*ptrToLinkNode>
 class BookmarkList final : public ListImpl<Element, LinkNode, ptrToLinkNode> {
   using Base = ListImpl<Element, LinkNode, ptrToLinkNode>;
 
  public:
+  // A position in the list, bookmarks included.
   using ConstIterator = typename Base::ConstIterator;
 
   // A position marker. Unplaced when constructed; it unlinks itself when destroyed.
@@ -48,6 +54,7 @@ class BookmarkList final : public ListImpl<Element, LinkNode, ptrToLinkNode> {
     Bookmark(const Bookmark&) = delete;
     Bookmark& operator=(const Bookmark&) = delete;
 
+    // Whether the bookmark is placed; taking it off its list.
     bool isLinked() const noexcept { return link.isLinked(); }
     void unlink() noexcept { link.unlink(); }
     // Places the bookmark immediately before `position` (an element, a bookmark or the end
@@ -64,6 +71,7 @@ class BookmarkList final : public ListImpl<Element, LinkNode, ptrToLinkNode> {
     LinkNode link;
   };
 
+  // Whether `node` is a bookmark rather than an element's link.
   bool isBookmark(const LinkNode& node) const override {
     return node.kind() == LinkNode::kindBookmark;
   }

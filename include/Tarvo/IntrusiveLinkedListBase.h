@@ -70,10 +70,12 @@ class ListLinkNode {
   ListLinkNode(const ListLinkNode&) {}
   ListLinkNode& operator=(const ListLinkNode&) { return *this; }
 
+  // Whether the element is on a list.
   bool isLinked() const noexcept { return hook_.is_linked(); }
   // Takes the element out of whatever list holds it; constant time, no list needed.
   void unlink() noexcept { hook_.unlink(); }
 
+  // The hook that links the node (used by the list).
   IntrusiveList::Hook hook_;
 };
 
@@ -89,6 +91,7 @@ class ListImpl {
   // A position in the list: an element's node, a bookmark's node or the end.
   class ConstIterator {
    public:
+    // The position of `node` in `list`; whether it is the end.
     ConstIterator(const ListImpl* list, IntrusiveList::ConstNodePtr node)
         : list_(list), node_(node) {}
     bool atEnd() const { return node_ == list_->header(); }
@@ -109,12 +112,16 @@ class ListImpl {
   ListImpl() = default;
   ListImpl(const ListImpl&) = delete;
   ListImpl& operator=(const ListImpl&) = delete;
-  // Declared before the destructor: its virtual slot comes first, as in every list class.
+  // Whether a node is a bookmark; never in a plain list. Declared before the destructor: its
+  // virtual slot comes first, as in every list class.
   virtual bool isBookmark(const LinkNode&) const { return false; }
   virtual ~ListImpl() = default;
 
+  // Whether the list holds no node.
   bool empty() const { return list_.empty(); }
 
+  // Links `element` at the back / front; it must not be linked yet. unlink() takes an element
+  // off its list.
   void pushBack(Element& element) {
     beingLinked(element);
     list_.push_back(element);
@@ -129,6 +136,7 @@ class ListImpl {
   void spliceFront(ListImpl& other) { list_.splice(list_.begin(), other.list_); }
   void spliceBack(ListImpl& other) { list_.splice(list_.end(), other.list_); }
 
+  // The first position and the end, for walking bookmarks and elements alike.
   ConstIterator begin() const {
     return ConstIterator(this, IntrusiveList::NodeTraits::get_next(header()));
   }

@@ -101,13 +101,17 @@ class LeControlCount {
 
 // A control's libevent event; freeing it deletes it from its base first.
 struct LeEventFree {
+  // Deletes `ev` from its base, then frees it.
   void operator()(event* ev) const;
 };
+// An owned libevent event.
 using LeEventPtr = std::unique_ptr<event, LeEventFree>;
 }  // namespace Impl
 
+// The libevent descriptor control: one libevent event per direction.
 class LibeventFdControl : public Platform::FdControl, private Impl::LeControlCount {
  public:
+  // A control that calls `handler`.
   explicit LibeventFdControl(Platform::FdEventHandler* handler);
   ~LibeventFdControl() override;
   LibeventFdControl(const LibeventFdControl&) = delete;
@@ -133,8 +137,10 @@ class LibeventFdControl : public Platform::FdControl, private Impl::LeControlCou
   Impl::LeEventPtr writeEvent_;
 };
 
+// The libevent timer control.
 class LibeventTimerControl : public Platform::TimerControl, private Impl::LeControlCount {
  public:
+  // A control that calls `handler`.
   explicit LibeventTimerControl(Platform::TimeoutHandler* handler);
   ~LibeventTimerControl() override;
   LibeventTimerControl(const LibeventTimerControl&) = delete;
@@ -171,6 +177,7 @@ class LibeventCallbackControl : public Platform::CallbackControl,
                                 private Platform::TimeoutHandler,
                                 private LibeventTimerControl {
  public:
+  // A control that calls `handler`.
   explicit LibeventCallbackControl(Platform::CallbackHandler* handler);
 
   void requestCallback() override;

@@ -17,6 +17,7 @@
 namespace Tarvo {
 namespace Locking {
 
+// A mutex that knows its holder; not recursive. See the top of this file.
 class Lock {
  public:
   Lock() = default;
@@ -45,6 +46,7 @@ class Lock {
 // lock, so it never throws.
 class ConditionalGuard {
  public:
+  // Takes `lock`.
   explicit ConditionalGuard(Lock& lock) : lock_(&lock) { lock_->lock(); }
   ~ConditionalGuard() {
     if (release_ && lock_->owns_lock()) {

@@ -18,6 +18,7 @@ namespace Tarvo {
 // A default-constructed MappingInfo is all zero with empty strings; lookups return one to
 // say "no such mapping".
 struct MappingInfo {
+  // An address or a file offset.
   using Word = std::uintptr_t;
 
   Word start = 0;      // first address of the mapping
@@ -25,9 +26,9 @@ struct MappingInfo {
   std::string perms;   // the four permission characters, e.g. "r-xp"
   Word offset = 0;     // offset of `start` in the mapped file
   uint32_t major = 0;  // device numbers of the mapped file
-  uint32_t minor = 0;
-  Word inode = 0;
-  std::string path;  // empty for anonymous mappings; pseudo names such as "[heap]" kept as is
+  uint32_t minor = 0;  // (major and minor)
+  Word inode = 0;      // inode of the mapped file, 0 for anonymous mappings
+  std::string path;    // empty for anonymous mappings; pseudo names such as "[heap]" kept as is
 
   // Parses one maps line ("start-end perms offset major:minor inode [path]", numbers in
   // hexadecimal except the decimal inode). Blanks before the path are skipped, blanks inside

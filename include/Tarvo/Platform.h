@@ -18,6 +18,7 @@ namespace Platform {
 // holding it. Satisfies BasicLockable.
 class Loco {
  public:
+  // Takes and releases the lock; recursive.
   virtual void lock() = 0;
   virtual void unlock() = 0;
   // Whether the calling thread holds the lock.
@@ -34,6 +35,7 @@ Loco& loco();
 // Holds the library lock for its scope; nests on one thread.
 class LocoGuard {
  public:
+  // Takes `l` (the library lock unless given) until destroyed.
   explicit LocoGuard(Loco& l = loco()) : loco_(&l) { loco_->lock(); }
   ~LocoGuard() { loco_->unlock(); }
   LocoGuard(const LocoGuard&) = delete;
@@ -91,6 +93,7 @@ void auxThreadCountDec();
 class FdEventHandler {
  public:
   virtual ~FdEventHandler() = default;
+  // `fd` is readable / writable.
   virtual void readFdEvent(int fd) = 0;
   virtual void writeFdEvent(int fd) = 0;
   // Called while an exception from readFdEvent/writeFdEvent is current; true swallows it.
@@ -101,6 +104,7 @@ class FdEventHandler {
 class TimeoutHandler {
  public:
   virtual ~TimeoutHandler() = default;
+  // The timer expired.
   virtual void timeout() = 0;
   // Called while an exception from timeout() is current; true swallows it.
   virtual bool handleTimeoutException();
@@ -110,6 +114,7 @@ class TimeoutHandler {
 class CallbackHandler {
  public:
   virtual ~CallbackHandler() = default;
+  // The requested callback is due.
   virtual void callback() = 0;
   // Called while an exception from callback() is current; true swallows it.
   virtual bool handleCallbackException();

@@ -15,6 +15,7 @@
 
 namespace Tarvo {
 
+// The process-wide pseudo-random source; see the top of this file.
 class Random {
  public:
   // On the first call chooses the seed: the value of ZQTEST_RANDSEED (decimal; a non-numeric

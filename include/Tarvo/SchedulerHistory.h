@@ -50,8 +50,10 @@ enum class TaskSchedulerEventType : uint8_t {
   schedulerTestYieldRatioOff = 23,
 };
 
+// The history ring and the tree's name cache; see the top of this file.
 class TaskSchedulerHistory {
  public:
+  // The clock of the time stamps.
   using TimePoint = std::chrono::steady_clock::time_point;
   // The largest capacity the ring accepts.
   static constexpr unsigned maxCapacity = 268435455;
@@ -61,6 +63,7 @@ class TaskSchedulerHistory {
   static constexpr unsigned firstSchedulerEvent = 15;
   static constexpr unsigned eventTypeCount = 24;
 
+  // One recorded event: its type, its time stamp and the task's or scheduler's name.
   class Event {
    public:
     // Ends the process when `type` is not a task event (`taskEvent`) or not a scheduler event.
@@ -72,6 +75,7 @@ class TaskSchedulerHistory {
       }
     }
 
+    // The fields.
     TaskSchedulerEventType eventType() const noexcept { return eventType_; }
     const TimePoint& timestamp() const noexcept { return timestamp_; }
     const ConstStringRef& name() const noexcept { return name_; }
@@ -96,7 +100,9 @@ class TaskSchedulerHistory {
   inline void insert(const TimePoint& when, TaskSchedulerEventType type,
                      const TaskScheduler* scheduler);
 
+  // The tree's name cache.
   ConstStringCache& nameCache() noexcept { return nameCache_; }
+  // The most events the ring holds.
   unsigned capacity() const noexcept { return static_cast<unsigned>(ring_.capacity()); }
   // Shrinking drops the oldest events.
   void capacityIs(unsigned capacity);

@@ -30,7 +30,7 @@ namespace Tarvo {
 
 // The counts of one priority of one scheduler (or summed over a tree).
 struct TaskSchedulerPriorityStats {
-  TaskPriority priority;
+  TaskPriority priority;     // the priority counted
   uint32_t runnable = 0;     // tasks on the run queue now
   uint32_t notRunnable = 0;  // registered tasks not on the run queue
   uint32_t dead = 0;         // tasks that died since the last statistics reset
@@ -53,13 +53,13 @@ class TaskSchedulerQueueStats : public std::map<TaskPriority, TaskSchedulerPrior
 // Every figure of one report, gathered before any formatting: TaskScheduler::statsSnapshot()
 // for one scheduler, TaskSchedulerRoot::statsSnapshotRoot() for a whole tree.
 struct TaskSchedulerStatsSnapshot {
-  TaskSchedulerQueueStats queueStats;
-  std::chrono::nanoseconds slip{0};  // longest delay between a run request and the run
-  std::vector<TaskStat> tasks;       // live tasks, in registration-list order per scheduler
-  unsigned skipped = 0;              // live tasks left out for having no runs
-  bool deadTasksGathered = false;    // whether `deadTasks` and `deadSkipped` were gathered
-  std::vector<TaskStat> deadTasks;   // dead-task records, in hash-table order
-  unsigned deadSkipped = 0;
+  TaskSchedulerQueueStats queueStats;  // the per-priority counts
+  std::chrono::nanoseconds slip{0};    // longest delay between a run request and the run
+  std::vector<TaskStat> tasks;         // live tasks, in registration-list order per scheduler
+  unsigned skipped = 0;                // live tasks left out for having no runs
+  bool deadTasksGathered = false;      // whether `deadTasks` and `deadSkipped` were gathered
+  std::vector<TaskStat> deadTasks;     // dead-task records, in hash-table order
+  unsigned deadSkipped = 0;            // dead records left out for having no runs
 };
 
 // The report's limits: rows of a table are never limited with this value.
@@ -88,8 +88,9 @@ void taskSchedulerDisplay(std::ostream& os, std::vector<TaskStat>& stats, std::s
 // The stream form of a scheduler time stamp in trace lines: the steady-clock reading in
 // nanoseconds, as "<n>ns" (the form of a duration).
 struct DisplayTaskTimeStamp {
-  TaskTimePoint when;
+  TaskTimePoint when;  // the time stamp shown
 };
+// Writes "<n>ns".
 std::ostream& operator<<(std::ostream& os, const DisplayTaskTimeStamp& stamp);
 
 // printStatsImpl() over a gathered snapshot.

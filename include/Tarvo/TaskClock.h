@@ -12,17 +12,20 @@
 //    another thread's reading can be smaller than it by up to a few hundred nanoseconds.
 // The scheduler compares only readings of one thread. Elsewhere (other CPUs, a kernel that
 // stopped trusting the counter), and for the first 10 ms after the process first reads it, a
-// reading is steady_clock itself. Any thread may read it; a reading takes no lock and
-// allocates nothing.
+// reading is steady_clock itself. Any thread may read it, a signal handler too; a reading
+// takes no lock, never waits for another reading and allocates nothing.
 #pragma once
 
 #include <chrono>
 
 namespace Tarvo {
 
+// A time stamp of the scheduler.
 using TaskTimePoint = std::chrono::steady_clock::time_point;
 
+// The scheduler's clock; see the top of this file.
 struct TaskClock {
+  // The current time.
   static TaskTimePoint now() noexcept;
 };
 

@@ -46,6 +46,8 @@ class TaskScheduler;
 
 namespace Platform {
 
+// A timer, callback or fd control for `handler` that is a task of `scheduler`; see the top of
+// this file.
 std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* handler,
                                               std::shared_ptr<TaskScheduler> scheduler,
                                               TaskPriority priority, std::string name);

@@ -5,9 +5,9 @@
 // one priority and one quantum. Each turn of that task runs the group's tasks back to back
 // (pickOneTask's rules inside the group, no event-loop pass between them) until no task is
 // waiting or the parent task's quantum is used up, counted from the start of the turn to the
-// end of the last inner run; that quantum is the time budget of the whole group per turn. With tasksPermittedMultipleRunsIs(false) a turn runs only the tasks
-// that were waiting when it started, each at most once. Groups nest: the parent may itself be
-// a group.
+// end of the last inner run; that quantum is the time budget of the whole group per turn. With
+// tasksPermittedMultipleRunsIs(false) a turn runs only the tasks that were waiting when it started,
+// each at most once. Groups nest: the parent may itself be a group.
 //
 //   auto conns = Tarvo::TaskGroupIs("conns", Tarvo::TaskPriority::normal, true, root);
 //   conns->taskGroupQuantumIs(2ms);
@@ -29,11 +29,13 @@
 
 namespace Tarvo {
 
+// A child scheduler whose tasks run inside one task of its parent; see the top of this file.
 class TaskGroup : public TaskScheduler {
  public:
   // The group's task in its parent scheduler; each of its runs is one turn of the group.
   class ParentTask : public Task {
    public:
+    // The task of `group` in `parent`, at the group's priority.
     ParentTask(std::shared_ptr<TaskScheduler> parent, TaskPriority priority,
                const std::string& name, TaskGroup* group);
     void taskExecute() override;
@@ -58,6 +60,7 @@ class TaskGroup : public TaskScheduler {
   // enforces its priority and the task has another.
   void taskRegister(TaskImpl* task) override;
 
+  // The group's priority, whether it is enforced, and the parent scheduler.
   TaskPriority taskGroupPriority() const noexcept { return taskGroupPriority_; }
   bool taskGroupPriorityEnforced() const noexcept { return taskGroupPriorityEnforced_; }
   const std::shared_ptr<TaskScheduler>& parentScheduler() const noexcept {
@@ -77,6 +80,7 @@ class TaskGroup : public TaskScheduler {
   // Makes the parent task yield on every check (true) or follow the normal rules (false).
   void taskGroupForceYieldInTestIs(bool on);
 
+  // The parent task's runs (the turns so far), whether it is scheduled, and the task itself.
   uint32_t parentTaskRunCount() const noexcept { return parentTask_->taskRunCount(); }
   bool parentTaskScheduled() const { return parentTask_->taskScheduled(); }
   const ParentTask& parentTask() const noexcept { return *parentTask_; }

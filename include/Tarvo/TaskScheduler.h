@@ -60,6 +60,8 @@ class _TaskBase : public std::enable_shared_from_this<_TaskBase> {
   _TaskBase(const _TaskBase&) = delete;
   _TaskBase& operator=(const _TaskBase&) = delete;
 
+  // Whether the task is on its run queue; whether a running task should yield; work done in
+  // this run and work still pending, for the statistics. TaskImpl gives the details.
   virtual bool taskScheduled() const = 0;
   virtual bool taskShouldYield() const = 0;
   virtual void taskWorkCountInc(unsigned long long n) = 0;
@@ -70,6 +72,7 @@ class _TaskBase : public std::enable_shared_from_this<_TaskBase> {
   virtual void handleResetStats() {}
   virtual ~_TaskBase();
 
+  // The task's scheduler (plain and shared), the root of its tree, and its name.
   TaskScheduler* scheduler() const noexcept { return scheduler_.get(); }
   const std::shared_ptr<TaskScheduler>& schedulerShared() const noexcept { return scheduler_; }
   TaskSchedulerRoot* root() const noexcept;
@@ -114,6 +117,7 @@ std::ostream& operator<<(std::ostream& os, const std::chrono::nanoseconds& d);
 // Run-queue state, timing, quantum, yield policy and statistics counters of a task.
 class TaskImpl : public _TaskBase {
  public:
+  // Durations of the task's accounting.
   using nanoseconds = std::chrono::nanoseconds;
   // How taskShouldYield() decides: elapsed real time against the quantum; virtual time (not
   // supported while running: throws UnimplementedException); every n-th call (tests).
@@ -127,7 +131,8 @@ class TaskImpl : public _TaskBase {
   // applies the real-time rule before the first run and ends the process after one.
   bool taskShouldYield() const override;
   // Reports `n` units of work done in this run: last count, total, decaying average
-  // ((9 * avg + n) / 10 after the first) and high-water mark.
+  // ((9 * avg + n) / 10 after the first) and high-water mark. A count of 2^32 or more sets
+  // the mark to its low 32 bits, even when that lowers it (4294967295 is kept as 4294967294).
   void taskWorkCountInc(unsigned long long n) override;
   // Reports `n` units of work still waiting, with its high-water mark.
   void taskWorkPendingIs(unsigned n) override;
@@ -143,6 +148,7 @@ class TaskImpl : public _TaskBase {
   // The work of one run.
   virtual void taskExecute() = 0;
 
+  // Takes the task off its run queue, if it is on one.
   void unscheduleTask();
   bool taskSuspended() const noexcept { return taskSuspended_; }
   // Suspending unschedules the task; resuming queues it (even if nobody scheduled it).
@@ -165,6 +171,7 @@ class TaskImpl : public _TaskBase {
   bool includeInDeadTask() const noexcept { return includeInDeadTask_; }
   void includeInDeadTaskIs(bool include) noexcept { includeInDeadTask_ = include; }
 
+  // A snapshot of the task's counters, under its statistics name.
   TaskStat getStats() const;
   // Zeroes the run and work counters and unsets the high-water marks.
   void resetStats();
@@ -174,6 +181,8 @@ class TaskImpl : public _TaskBase {
   // As taskRunFromTest(), and records the run as a scheduler run would (latency, run time).
   void taskRunAndRecordFromTest();
 
+  // The counters of the task's runs and work, as getStats() reports them; the magic number
+  // is taskMagicNumberConstructed while the object lives.
   bool taskCurrentlyRunning() const noexcept { return taskCurrentlyRunning_; }
   uint32_t taskRunCount() const noexcept { return taskRunCount_; }
   uint32_t taskMagicNumber() const noexcept { return taskMagicNumber_; }
@@ -189,6 +198,7 @@ class TaskImpl : public _TaskBase {
   float taskWorkCountDecayAvg() const noexcept { return taskWorkCountDecayAvg_; }
   TaskMaybeU32 taskWorkCountHighWaterMark() const noexcept { return taskWorkCountHighWaterMark_; }
 
+  // The links of the task on its run queue and on its scheduler's registration list.
   ListLinkNode<TaskImpl> taskRunQueueLink_;
   BookmarkListLinkNode<TaskImpl> taskRegisteredLink_;
 
@@ -224,7 +234,6 @@ class TaskImpl : public _TaskBase {
   uint64_t taskWorkCountLast_ = 0;
   uint64_t taskWorkCountTotal_ = 0;
   float taskWorkCountDecayAvg_ = 0;
-  bool taskWorkCountSampled_ = false;
   TaskMaybeU32 taskWorkCountHighWaterMark_;
   uint32_t taskWorkPending_ = 0;
   TaskMaybeU32 taskWorkPendingHighWaterMark_;
@@ -246,6 +255,7 @@ class TaskImpl : public _TaskBase {
 //   t->scheduleTask();
 class Task : public TaskImpl {
  public:
+  // A task of `scheduler` at `priority`, registered with it, not scheduled.
   Task(std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority, const std::string& name);
   // Takes a shared reference from the scheduler; throws std::bad_weak_ptr when the scheduler
   // is not owned by a std::shared_ptr.
@@ -257,17 +267,23 @@ class Task : public TaskImpl {
 // most one task; while work remains, every run requests the next.
 class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
  public:
+  // Durations of the scheduler's accounting.
   using nanoseconds = std::chrono::nanoseconds;
+  // A run queue, and the list of the registered tasks.
   using TaskList = List<TaskImpl, ListLinkNode<TaskImpl>, &TaskImpl::taskRunQueueLink_>;
   using RegisteredTaskList =
       BookmarkList<TaskImpl, BookmarkListLinkNode<TaskImpl>, &TaskImpl::taskRegisteredLink_>;
+  // The quantum of new tasks unless defaultTaskQuantumIs() says otherwise: 20 ms.
   static constexpr nanoseconds defaultQuantum{20000000};
 
+  // The run queues of a scheduler, one per priority.
   struct TaskRunQueues {
     // One priority's queue. `current` is `persistent` except while a task group runs with
     // repeated runs forbidden; then the waiting tasks sit in `temporary` and new ones land in
     // `persistent`, unseen until the merge.
     struct TaskRunQueue {
+      // The queues (see above), the picks in a row at this priority (for the starvation rule),
+      // and the counts of tasks queued and picked (picks also as of the last statistics reset).
       TaskList persistent;
       TaskList temporary;
       TaskList* current = &persistent;
@@ -283,9 +299,11 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
       // Puts the held-back tasks in front of those scheduled meanwhile.
       void moveTemporaryToPersistent();
     };
+    // Indexed by priority value.
     TaskRunQueue queue[TaskPriority::count];
   };
 
+  // A scheduler named `name` in the tree of `root`, recording into `history`.
   TaskScheduler(const std::string& name, TaskSchedulerRoot* root,
                 std::shared_ptr<TaskSchedulerHistory> history);
   TaskScheduler(const TaskScheduler&) = delete;
@@ -309,11 +327,14 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
   virtual void taskRegister(TaskImpl* task);
   virtual ~TaskScheduler();
 
+  // The scheduler's name, its root, the tree's history and the tree's name cache.
   const ConstStringRef& schedulerName() const noexcept { return schedulerName_; }
   TaskSchedulerRoot* root() const noexcept { return root_; }
   const std::shared_ptr<TaskSchedulerHistory>& history() const noexcept { return history_; }
   ConstStringCache& nameCache() const noexcept { return history_->nameCache(); }
 
+  // Removes a leaving task, folding its statistics into the dead-task records; ends the
+  // process on a wrong thread, a task still queued or a task not registered.
   void taskUnregister(TaskImpl* task);
   // Runs at most one task: the one pickOneTask() chooses. A run that finds nothing marks
   // the scheduler idle; a run that ran a task requests the next run, also when the task
@@ -337,6 +358,9 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
     return schedulerLatencyHighWaterMark_;
   }
 
+  // Tasks waiting on the queue of a priority (or of all); runs at a priority since the last
+  // statistics reset; registered and dead tasks per priority, and their upkeep; the number of
+  // registered tasks.
   int64_t runnableTaskCount(TaskPriority priority) const;
   int64_t runnableTaskCount() const;
   uint64_t runTaskCount(TaskPriority priority) const;
@@ -367,18 +391,23 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
   // The reset task, once resetStats() has created it (null before).
   const std::shared_ptr<TaskImpl>& resetStatsTask() const noexcept { return resetStatsTask_; }
 
+  // The quantum new tasks start with.
   nanoseconds defaultTaskQuantum() const noexcept { return defaultTaskQuantum_; }
   // The quantum of tasks created from now on; existing tasks keep theirs. Zero makes their
   // taskShouldYield() answer true at once and counts no quantum violations. A negative
   // quantum throws AssertException "Quantum: <q>" and leaves the default as it was.
   void defaultTaskQuantumIs(nanoseconds q);
 
+  // Every priority's movePersistentToTemporary() / moveTemporaryToPersistent(); the queue of a
+  // priority.
   void taskRunQueuesMovePersistentToTemporary();
   void taskRunQueuesMoveTemporaryToPersistent();
   const TaskRunQueues::TaskRunQueue& taskRunQueue(TaskPriority priority) const {
     return taskRunQueues_.queue[priority.value()];
   }
 
+  // Notes that `task` turned forced test yield on or off; calls handleTaskForceYieldInTest()
+  // when the set of such tasks turns empty or non-empty.
   void taskForceYieldInTestNotify(TaskImpl* task, bool on);
   // Whether any task of this scheduler is under forced test yield.
   bool tasksForceYieldInTest() const noexcept { return !tasksForceYieldInTest_.empty(); }
@@ -466,7 +495,7 @@ class TaskSchedulerRoot : public TaskScheduler {
   // answers the seconds left (+infinity when not armed) and timerExpiry the expiry
   // (TaskTimePoint::max() when not armed). A subclass with timers overrides all five and
   // calls timerExpired() when a timer expires; this class has none and throws
-  // UnimplementedException.
+  // UnimplementedException. The event-loop and manual roots begin each with the thread check.
   virtual bool timerStart(TimerTask& timer, double seconds, bool restart);
   virtual bool timerStart(TimerTask& timer, nanoseconds delay, bool restart);
   virtual void timerStop(TimerTask& timer);
@@ -486,6 +515,7 @@ class TaskSchedulerRoot : public TaskScheduler {
   size_t totalRegisteredTaskCount() const;
   nanoseconds minimumTimerDelay() const noexcept { return minimumTimerDelay_; }
 
+  // Whether the tree is suspended.
   bool suspended() const noexcept { return suspended_; }
   // While suspended, every run of every scheduler of the tree is ignored; resuming requests
   // one run.
@@ -515,12 +545,28 @@ class TaskSchedulerRoot : public TaskScheduler {
   // The history ring's capacity (100 unless changed) and its change.
   unsigned historyEntryCount() const noexcept { return history()->capacity(); }
   void historyEntryCountIs(unsigned capacity);
+  // Drops every event.
   void clearHistory();
   // Writes the newest events first, at most `limit` of them, with absolute time stamps and
   // microseconds before the newest event. The layout does not depend on the format the caller
   // left on `os` (base, fill, adjustment, width, locale), and that format is kept.
   void printHistory(std::ostream& os, unsigned limit) const;
   void printHistoryStdErr() const;
+  // Writes the history as Trace Event JSON, which ui.perfetto.dev and chrome://tracing open:
+  // one track per scheduler of the tree; one complete event per task run, paired from its
+  // "run start" and "run end" and carrying the task's name, priority and scheduler; an instant
+  // event for every other event; times in microseconds of the history's own clock. Names are
+  // matched to schedulers and priorities through the tree as it is now (see the source for
+  // ambiguous and vanished names). Any bytes in names give valid UTF-8 JSON. Only reads: it
+  // adds nothing to recording. Root's thread only.
+  void writeTraceEvents(std::ostream& os) const;
+  // The figures of printStats() as JSON, for monitoring: the per-priority summary, the
+  // largest scheduler slip, and a record per live task and (when `includeDeadTasks`) per
+  // dead-task record, in the report's row order, durations in integer nanoseconds and a work
+  // high-water mark that was never recorded as null. Tasks that never ran are included only
+  // with `includeNoRuns`; the counts left out are given. Gathers through statsSnapshotRoot().
+  void writeStatsJson(std::ostream& os, bool includeNoRuns = true,
+                      bool includeDeadTasks = true) const;
   // True while any scheduler of the tree is resetting its statistics.
   bool resetStatsInProgress() const override;
   // The report over the whole tree: every scheduler's live tasks (and dead records) in one
@@ -593,6 +639,7 @@ class TaskSchedulerRoot : public TaskScheduler {
 // starts at a fixed value, so jitter draws the same offsets every run too.
 class TaskSchedulerRootManual : public TaskSchedulerRoot {
  public:
+  // A root named `name`; no timer task arms for less than `minimumTimerDelay`.
   explicit TaskSchedulerRootManual(const std::string& name,
                                    nanoseconds minimumTimerDelay = nanoseconds(0));
   ~TaskSchedulerRootManual() override;
@@ -624,7 +671,8 @@ class TaskSchedulerRootManual : public TaskSchedulerRoot {
   void timerCreated(TimerTask& timer) override;
   void timerDestroyed(TimerTask& timer) override;
   // The seconds form converts to nanoseconds; delays at or below zero (and NaN) expire at
-  // the current manual time, delays beyond the clock's range never.
+  // the current manual time, delays beyond the clock's range never (their remaining time is
+  // +infinity, and not even advanceBy(nanoseconds::max()) fires them).
   bool timerStart(TimerTask& timer, double seconds, bool restart) override;
   bool timerStart(TimerTask& timer, nanoseconds delay, bool restart) override;
   void timerStop(TimerTask& timer) override;

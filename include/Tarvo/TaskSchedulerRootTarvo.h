@@ -35,6 +35,7 @@
 
 namespace Tarvo {
 
+// The root driven by the thread's event loop; see the top of this file.
 class TaskSchedulerRootTarvo : public TaskSchedulerRoot, public Platform::TimeoutHandler {
  public:
   // Creates the root and its run timer on the calling thread's event base.
@@ -86,6 +87,7 @@ void schedulerRootTarvoIs(std::shared_ptr<TaskSchedulerRoot> root);
 // The calling thread's root if it has one, without creating it.
 std::shared_ptr<TaskSchedulerRoot> schedulerRootTarvoIfExists();
 
+// Makes the root of the calling thread.
 using PerThreadSchedulerFactory = std::shared_ptr<TaskSchedulerRoot> (*)();
 
 // Installs, process-wide, the function that creates per-thread roots from now on. Throws

@@ -18,12 +18,15 @@ namespace Tarvo {
 // at 4294967294.
 class TaskMaybeU32 {
  public:
+  // The value meaning "nothing recorded", and the largest recorded value.
   static constexpr uint32_t unset = 0xffffffffu;
   static constexpr uint32_t maxRecorded = unset - 1;
 
   constexpr TaskMaybeU32() = default;
+  // Holds `value` as it is (unset when it is `unset`).
   constexpr TaskMaybeU32(uint32_t value) : value_(value) {}
 
+  // Whether a value is recorded; the raw value.
   constexpr bool recorded() const noexcept { return value_ != unset; }
   constexpr uint32_t value() const noexcept { return value_; }
   // The value, an unrecorded one counting as 0.
@@ -41,11 +44,13 @@ class TaskMaybeU32 {
   uint32_t value_ = unset;
 };
 
+// The counters of one task, or the merged counters of the dead tasks of one name.
 class TaskStat {
  public:
   // Five status flags in one byte; bit numbers are fixed.
   class TaskStatus {
    public:
+    // The bit of each flag.
     static constexpr uint8_t taskTimerBit = 1;
     static constexpr uint8_t taskTimerRunningBit = 2;
     static constexpr uint8_t taskOnRunQueueBit = 4;
@@ -53,8 +58,10 @@ class TaskStat {
     static constexpr uint8_t taskSuspendedBit = 16;
 
     constexpr TaskStatus() = default;
+    // From the flag bits.
     constexpr explicit TaskStatus(uint8_t bits) : bits_(bits) {}
 
+    // The flag bits.
     constexpr uint8_t value() const noexcept { return bits_; }
     // Whether any bit of `mask` is set.
     constexpr bool bitmaskHasBitSet(uint8_t mask) const noexcept { return (bits_ & mask) != 0; }
@@ -63,6 +70,7 @@ class TaskStat {
       bits_ = on ? static_cast<uint8_t>(bits_ | mask) : static_cast<uint8_t>(bits_ & ~mask);
     }
 
+    // Each flag and its setter: a timer task, its timer armed, on a run queue, running, suspended.
     bool taskTimer() const noexcept { return bitmaskHasBitSet(taskTimerBit); }
     void taskTimerIs(bool on) noexcept { bitmaskSetBit(taskTimerBit, on); }
     bool taskTimerRunning() const noexcept { return bitmaskHasBitSet(taskTimerRunningBit); }
@@ -80,6 +88,7 @@ class TaskStat {
     uint8_t bits_ = 0;
   };
 
+  // Durations of the record.
   using nanoseconds = std::chrono::nanoseconds;
 
   // Every field zero: empty name, key 0, priority absolute, high-water marks 0.
@@ -116,6 +125,7 @@ class TaskStat {
   uint32_t taskDeadCount() const noexcept { return taskDeadCount_; }
   TaskStatus taskStatus() const noexcept { return taskStatus_; }
 
+  // Additions to the counters and setters of the other fields, for merging records.
   void taskRunInc(uint32_t n) noexcept { taskRunCount_ += n; }
   void taskTotalRunTimeInc(nanoseconds d) noexcept { taskTotalRunTime_ += d; }
   void taskWorkCountTotalInc(uint64_t n) noexcept { taskWorkCountTotal_ += n; }

@@ -65,8 +65,10 @@
 
 namespace Tarvo {
 
+// A task with a timer of its own; see the top of this file.
 class TimerTask : public TaskImpl {
  public:
+  // Delays in nanoseconds (nanoseconds::max() is forever).
   using nanoseconds = std::chrono::nanoseconds;
 
   // What a root keeps for one timer task (the event-loop root: a platform timer control).
@@ -97,6 +99,8 @@ class TimerTask : public TaskImpl {
   // The task's status with taskTimer set and taskTimerRunning telling whether it is armed.
   TaskStat::TaskStatus taskStatus() const override;
 
+  // The delay operations of the table at the top of this file, each in seconds and in
+  // nanoseconds.
   void scheduleTaskDelay(double delayIntoFuture);
   void scheduleTaskDelay(nanoseconds delayIntoFuture);
   void scheduleTaskLowestDelay(double delayIntoFuture);

@@ -34,6 +34,7 @@ namespace Platform {
 // placed in shared memory. Make one with getValuePrinter().
 class ValuePrinter {
  public:
+  // A printer for values of that type name and size in bytes.
   ValuePrinter(std::string typeName, int size) : typeName_(std::move(typeName)), size_(size) {}
   virtual ~ValuePrinter() = default;
 
@@ -44,6 +45,7 @@ class ValuePrinter {
   // none is registered.
   std::string customToString(const void* value) const;
 
+  // The type name and the size given at construction.
   const std::string& typeName() const { return typeName_; }
   int size() const { return size_; }
 
@@ -63,6 +65,7 @@ namespace Impl {
 // check (the caller guarantees them), no terminator needed and nothing abbreviated.
 class DisplaySubStringBase {
  public:
+  // Writes / returns the characters `begin` to `end` of `text`.
   static void addToStream(std::ostream& os, const char* text, unsigned begin, unsigned end);
   static std::string toString(const char* text, unsigned begin, unsigned end);
 };

@@ -152,6 +152,9 @@ int FileDescriptorTask::taskWatchFd() const {
 }
 
 void FileDescriptorTask::taskWatchFdIs(int fd) {
+  if (fd == taskWatchFd()) {
+    return;
+  }
   // The control would end the process on a descriptor it cannot put into non-blocking mode;
   // a caller's bad descriptor deserves an exception it can catch instead.
   if (fd < 0 || fcntl(fd, F_GETFD) < 0) {
@@ -160,9 +163,6 @@ void FileDescriptorTask::taskWatchFdIs(int fd) {
         &schedulerTrace(), 1,
         concat(this, ": cannot watch descriptor ", fd, ": ", std::strerror(error)), kSource,
         "taskWatchFdIs", __LINE__);
-  }
-  if (fd == taskWatchFd()) {
-    return;
   }
   readTask_->unscheduleTask();
   if (writeTask_) {

@@ -254,13 +254,18 @@ void TaskImpl::taskTestYieldRatioIs(uint8_t r) {
 void TaskImpl::taskWorkCountInc(unsigned long long n) {
   taskWorkCountLast_ = n;
   taskWorkCountTotal_ += n;
-  if (taskWorkCountSampled_) {
-    taskWorkCountDecayAvg_ = (9 * taskWorkCountDecayAvg_ + static_cast<float>(n)) / 10;
-  } else {
+  // The mark is unset exactly until the first sample. A count of 2^32 or more records its low
+  // 32 bits, which may lower the mark; all ones is recorded as 4294967294, never as "unset".
+  if (!taskWorkCountHighWaterMark_.recorded()) {
     taskWorkCountDecayAvg_ = static_cast<float>(n);
-    taskWorkCountSampled_ = true;
+  } else {
+    taskWorkCountDecayAvg_ = (9 * taskWorkCountDecayAvg_ + static_cast<float>(n)) / 10;
+    if (n <= taskWorkCountHighWaterMark_.value()) {
+      return;
+    }
   }
-  taskWorkCountHighWaterMark_.raiseTo(n);
+  const auto low = static_cast<uint32_t>(n);
+  taskWorkCountHighWaterMark_ = low == TaskMaybeU32::unset ? TaskMaybeU32::maxRecorded : low;
 }
 
 void TaskImpl::taskWorkPendingIs(unsigned n) {
@@ -292,7 +297,6 @@ void TaskImpl::resetStats() {
   taskSchedulingLatencyHighWaterMark_ = nanoseconds(0);
   taskWorkCountTotal_ = 0;
   taskWorkCountDecayAvg_ = 0;
-  taskWorkCountSampled_ = false;
   taskWorkPending_ = 0;
   taskQuantumViolation500_ = 0;
   taskQuantumViolation200_ = 0;

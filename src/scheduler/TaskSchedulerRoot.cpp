@@ -274,18 +274,21 @@ bool TaskSchedulerRootManual::timerStart(TimerTask& timer, nanoseconds delay, bo
 }
 
 void TaskSchedulerRootManual::timerStop(TimerTask& timer) {
+  sanityCheckCurrentRunningThread();
   disarm(record(timer));
 }
 
 double TaskSchedulerRootManual::timerRemaining(const TimerTask& timer) const {
+  sanityCheckCurrentRunningThread();
   const ManualTimer& rec = record(timer);
-  if (!rec.armed) {
+  if (!rec.armed || (*rec.armed)->first.first == TaskTimePoint::max()) {
     return HUGE_VAL;
   }
   return std::chrono::duration<double>((*rec.armed)->first.first - manualTime_).count();
 }
 
 TaskTimePoint TaskSchedulerRootManual::timerExpiry(const TimerTask& timer) const {
+  sanityCheckCurrentRunningThread();
   const ManualTimer& rec = record(timer);
   return rec.armed ? (*rec.armed)->first.first : TaskTimePoint::max();
 }
@@ -297,7 +300,9 @@ uint64_t TaskSchedulerRootManual::advanceBy(nanoseconds span) {
                             : span >= room         ? TaskTimePoint::max()
                                                    : manualTime_ + span;
   uint64_t fired = 0;
-  while (!timers_.empty() && timers_.begin()->first.first <= end) {
+  // An expiry of TaskTimePoint::max() stands for a delay beyond the clock's range: never.
+  while (!timers_.empty() && timers_.begin()->first.first <= end &&
+         timers_.begin()->first.first != TaskTimePoint::max()) {
     const TaskTimePoint instant = timers_.begin()->first.first;
     manualTime_ = instant;
     // Every timer due at this instant fires before anything runs, as in one pass of an

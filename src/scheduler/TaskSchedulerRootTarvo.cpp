@@ -67,7 +67,10 @@ void TaskSchedulerRootTarvo::timerDestroyed(TimerTask& timer) {
   timer.timerRecordIs(nullptr);
 }
 
+// The timer operations check the calling thread first: each timer control lives in the event
+// base of the root's thread, which nothing else may touch.
 bool TaskSchedulerRootTarvo::timerStart(TimerTask& timer, double seconds, bool restart) {
+  sanityCheckCurrentRunningThread();
   Platform::TimerControl& control = notifiee(timer).control();
   if (!restart && !(seconds < control.remainingTimeout())) {
     return false;
@@ -82,14 +85,17 @@ bool TaskSchedulerRootTarvo::timerStart(TimerTask& timer, nanoseconds delay, boo
 }
 
 void TaskSchedulerRootTarvo::timerStop(TimerTask& timer) {
+  sanityCheckCurrentRunningThread();
   notifiee(timer).control().delTimeout();
 }
 
 double TaskSchedulerRootTarvo::timerRemaining(const TimerTask& timer) const {
+  sanityCheckCurrentRunningThread();
   return notifiee(timer).control().remainingTimeout();
 }
 
 TaskTimePoint TaskSchedulerRootTarvo::timerExpiry(const TimerTask& timer) const {
+  sanityCheckCurrentRunningThread();
   double remaining = notifiee(timer).control().remainingTimeout();
   if (remaining > DBL_MAX) {
     return TaskTimePoint::max();

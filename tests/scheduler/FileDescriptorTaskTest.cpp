@@ -121,6 +121,7 @@ TEST_F(FdTaskTest, ANewDescriptorDropsPendingRunsTheSameOneKeepsThem) {
 
 TEST_F(FdTaskTest, ANegativeOrClosedDescriptorIsRefusedAndChangesNothing) {
   auto t = task("bad");
+  t->taskWatchFdIs(-1);  // the descriptor already "watched": nothing to refuse
   t->taskWatchFdIs(pair.fd[0]);
   pair.put();
   pumpLoop();
@@ -134,6 +135,15 @@ TEST_F(FdTaskTest, ANegativeOrClosedDescriptorIsRefusedAndChangesNothing) {
                   HasSubstr("cannot watch descriptor " + std::to_string(closed))));
   EXPECT_EQ(t->taskWatchFd(), pair.fd[0]);
   EXPECT_TRUE(t->taskScheduledReadable());
+  // The watched descriptor closed behind the task's back: naming it again changes nothing.
+  SocketPair gone;
+  t->taskWatchFdIs(gone.fd[0]);
+  const int closedWatched = gone.fd[0];
+  close(closedWatched);
+  gone.fd[0] = -1;
+  t->taskWatchFdIs(closedWatched);
+  EXPECT_EQ(t->taskWatchFd(), closedWatched);
+  t->taskWatchFdDel();
 }
 
 TEST_F(FdTaskTest, ReportsForAnotherDescriptorOrAnUnwatchedDirectionEndTheProcess) {
@@ -219,6 +229,16 @@ TEST_F(FdTaskTest, WorkCountsAreKeptPerDirectionThroughTheRunningHook) {
   t->taskWorkCountReadableInc(4294967295u);
   EXPECT_EQ(t->taskWorkCountReadableHighWaterMark(), 4294967294u);
   EXPECT_EQ(t->taskWorkCountReadableTotal(), 23ull + 4294967295ull);
+  // A count of 2^32 or more records its low 32 bits, lowering the mark, also as the first
+  // sample after a reset; low bits of all ones are recorded as 4294967294.
+  t->taskWorkCountReadableInc((1ull << 32) + 9);
+  EXPECT_EQ(t->taskWorkCountReadableHighWaterMark(), 9u);
+  t->taskWorkCountReadableInc((1ull << 33) - 1);
+  EXPECT_EQ(t->taskWorkCountReadableHighWaterMark(), 4294967294u);
+  t->writeTask()->resetStats();
+  t->taskWorkCountWritableInc((1ull << 32) + 5);
+  EXPECT_EQ(t->taskWorkCountWritableHighWaterMark(), 5u);
+  EXPECT_EQ(t->taskWorkCountWritableDecayAvg(), static_cast<float>((1ull << 32) + 5));
   EXPECT_DEATH(t->taskWorkCountInc(1), "called outside the descriptor hooks");
 }
 

@@ -261,6 +261,32 @@ TEST(TimerTaskConstructionTest, FailuresLeaveNothingRegistered) {
   EXPECT_EQ(refusing->registeredTaskCount(), 0u);
 }
 
+TEST_F(ManualTimerTest, ADelayBeyondTheClocksRangeNeverFires) {
+  timer->scheduleTaskDelay(1e300);
+  EXPECT_TRUE(timer->timerRunning());
+  EXPECT_EQ(timer->timerRemaining(), HUGE_VAL);
+  EXPECT_EQ(timer->currentExpirationTime(), TaskTimePoint::max());
+  EXPECT_EQ(root->advanceBy(nanoseconds::max()), 0u);
+  EXPECT_EQ(timer->runs, 0);
+}
+
+// The queries reach the root's timer operations without passing a task-level check; the
+// roots check the thread there, as they do before arming and disarming.
+TEST(TimerTaskThreadTest, RootTimerOperationsRefuseAnotherThread) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  std::shared_ptr<TaskSchedulerRoot> roots[] = {std::make_shared<TaskSchedulerRootManual>("m"),
+                                                schedulerRootTarvoNonShared("loop")};
+  for (const std::shared_ptr<TaskSchedulerRoot>& root : roots) {
+    auto timer = std::make_shared<FnTimer>(root, "elsewhere");
+    timer->scheduleTaskDelay(1h);
+    auto onOtherThread = [&](auto body) { std::thread(body).join(); };
+    EXPECT_DEATH(onOtherThread([&] { timer->timerRemaining(); }), "Executing in wrong thread");
+    EXPECT_DEATH(onOtherThread([&] { timer->currentExpirationTimeRaw(); }),
+                 "Executing in wrong thread");
+    timer->stopTimerTask();
+  }
+}
+
 // The event-loop root: platform timers, fast-forward and exceptions of other tasks.
 class LoopTimerTest : public ::testing::Test {
  protected:

@@ -1,0 +1,188 @@
+#include "KvCommands.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace TarvoKv {
+namespace {
+
+using Words = std::vector<std::string>;
+
+class KvCommandsTest : public ::testing::Test {
+ protected:
+  std::string run(const Words& args) {
+    std::string out;
+    last_ = commands_.execute(args, now_, &out);
+    return out;
+  }
+
+  KvStore store_;
+  KvCommands commands_{store_, [](const std::string& section, std::string* out) {
+                         if (section.empty() || section == "server") {
+                           *out += "# Server\r\nname:test\r\n";
+                         }
+                       }};
+  int64_t now_ = 1700000000000;
+  KvCommands::After last_ = KvCommands::After::proceed;
+};
+
+// Replies recorded from redis-server 7.0 for the same commands, in the same order.
+TEST_F(KvCommandsTest, RepliesMatchTheReferenceServerByteForByte) {
+  const std::vector<std::pair<Words, std::string>> script = {
+      {{"PING"}, "+PONG\r\n"},
+      {{"ping", "hi"}, "$2\r\nhi\r\n"},
+      {{"PING", "a", "b"}, "-ERR wrong number of arguments for 'ping' command\r\n"},
+      {{"ECHO"}, "-ERR wrong number of arguments for 'echo' command\r\n"},
+      {{"echo", ""}, "$0\r\n\r\n"},
+      {{"GET", "a", "b"}, "-ERR wrong number of arguments for 'get' command\r\n"},
+      {{"SET", "k"}, "-ERR wrong number of arguments for 'set' command\r\n"},
+      {{"foo"}, "-ERR unknown command 'foo', with args beginning with: \r\n"},
+      {{"FOO", "a'b", "c"}, "-ERR unknown command 'FOO', with args beginning with: 'a'b' 'c' \r\n"},
+      {{"a\r\nb", "x\ny"}, "-ERR unknown command 'a  b', with args beginning with: 'x y' \r\n"},
+      {{"SET", "k", "v"}, "+OK\r\n"},
+      {{"SET", "k", "v", "EX", "0"}, "-ERR invalid expire time in 'set' command\r\n"},
+      {{"SET", "k", "v", "PX", "-1"}, "-ERR invalid expire time in 'set' command\r\n"},
+      {{"SET", "k", "v", "EX", "abc"}, "-ERR value is not an integer or out of range\r\n"},
+      {{"SET", "k", "v", "EX"}, "-ERR syntax error\r\n"},
+      {{"SET", "k", "v", "PX", "1", "EX", "1"}, "-ERR syntax error\r\n"},
+      {{"SET", "k", "v", "NX", "XX"}, "-ERR syntax error\r\n"},
+      {{"SET", "k", "v", "EX", "10", "KEEPTTL"}, "-ERR syntax error\r\n"},
+      {{"SET", "k", "v", "foo"}, "-ERR syntax error\r\n"},
+      {{"SET", "k", "v", "EX", "9223372036854775807"},
+       "-ERR invalid expire time in 'set' command\r\n"},
+      {{"SET", "k", "v", "EX", "9223372036854775"},
+       "-ERR invalid expire time in 'set' command\r\n"},
+      {{"SET", "k", "v", "NX"}, "$-1\r\n"},
+      {{"SET", "k2", "v", "XX"}, "$-1\r\n"},
+      {{"SET", "k", "v2", "nx", "GET"}, "$1\r\nv\r\n"},
+      {{"SET", "k", "v3", "GET"}, "$1\r\nv\r\n"},
+      {{"SET", "k3", "v", "get"}, "$-1\r\n"},
+      {{"GET", "k"}, "$2\r\nv3\r\n"},
+      {{"SET", "n", "10"}, "+OK\r\n"},
+      {{"INCR", "n"}, ":11\r\n"},
+      {{"incrby", "n", "-5"}, ":6\r\n"},
+      {{"DECR", "n"}, ":5\r\n"},
+      {{"DECRBY", "n", "-5"}, ":10\r\n"},
+      {{"INCRBY", "n", "+1"}, "-ERR value is not an integer or out of range\r\n"},
+      {{"INCR", "k"}, "-ERR value is not an integer or out of range\r\n"},
+      {{"SET", "big", "9223372036854775807"}, "+OK\r\n"},
+      {{"INCR", "big"}, "-ERR increment or decrement would overflow\r\n"},
+      {{"DECRBY", "big", "-9223372036854775808"}, "-ERR decrement would overflow\r\n"},
+      {{"SET", "z", " 1"}, "+OK\r\n"},
+      {{"INCR", "z"}, "-ERR value is not an integer or out of range\r\n"},
+      {{"DECRBY", "fresh", "3"}, ":-3\r\n"},
+      {{"DEL", "k", "n", "nokey"}, ":2\r\n"},
+      {{"EXISTS", "big", "big", "nokey"}, ":2\r\n"},
+      {{"DEL"}, "-ERR wrong number of arguments for 'del' command\r\n"},
+      {{"DBSIZE"}, ":4\r\n"},
+      {{"DBSIZE", "x"}, "-ERR wrong number of arguments for 'dbsize' command\r\n"},
+      {{"EXPIRE", "nokey", "10"}, ":0\r\n"},
+      {{"EXPIRE", "big", "abc"}, "-ERR value is not an integer or out of range\r\n"},
+      {{"EXPIRE", "big", "9223372036854775"}, "-ERR invalid expire time in 'expire' command\r\n"},
+      {{"PEXPIRE", "big", "9223372036854775807"},
+       "-ERR invalid expire time in 'pexpire' command\r\n"},
+      {{"EXPIRE", "big", "5", "NX", "XX"},
+       "-ERR NX and XX, GT or LT options at the same time are not compatible\r\n"},
+      {{"EXPIRE", "big", "5", "GT", "LT"},
+       "-ERR GT and LT options at the same time are not compatible\r\n"},
+      {{"EXPIRE", "big", "5", "Foo"}, "-ERR Unsupported option Foo\r\n"},
+      {{"EXPIRE", "big", "100", "XX"}, ":0\r\n"},
+      {{"EXPIRE", "big", "100", "GT"}, ":0\r\n"},
+      {{"EXPIRE", "big", "100", "nx"}, ":1\r\n"},
+      {{"EXPIRE", "big", "100", "NX"}, ":0\r\n"},
+      {{"EXPIRE", "big", "50", "GT"}, ":0\r\n"},
+      {{"EXPIRE", "big", "500", "GT"}, ":1\r\n"},
+      {{"EXPIRE", "big", "600", "LT"}, ":0\r\n"},
+      {{"TTL", "big"}, ":500\r\n"},
+      {{"PTTL", "big"}, ":500000\r\n"},
+      {{"TTL", "nokey"}, ":-2\r\n"},
+      {{"TTL", "z"}, ":-1\r\n"},
+      {{"EXPIRE", "z", "-5"}, ":1\r\n"},
+      {{"EXISTS", "z"}, ":0\r\n"},
+      {{"FLUSHALL", "x"}, "-ERR syntax error\r\n"},
+      {{"FLUSHALL", "SYNC", "ASYNC"}, "-ERR syntax error\r\n"},
+      {{"COMMAND", "FOO"}, "-ERR unknown subcommand 'FOO'. Try COMMAND HELP.\r\n"},
+      {{"COMMAND", "DOCS"}, "*0\r\n"},
+      {{"FLUSHALL", "async"}, "+OK\r\n"},
+      {{"DBSIZE"}, ":0\r\n"},
+      {{"INFO", "nosuch"}, "$0\r\n\r\n"},
+      {{"INFO", "SERVER"}, "$21\r\n# Server\r\nname:test\r\n\r\n"},
+  };
+  for (const auto& [args, reply] : script) {
+    EXPECT_EQ(run(args), reply) << args[0] << (args.size() > 1 ? " " + args[1] : "");
+    EXPECT_EQ(last_, KvCommands::After::proceed);
+  }
+  EXPECT_EQ(commands_.commandsProcessed(), script.size());
+  EXPECT_EQ(run({"QUIT", "x"}), "+OK\r\n");
+  EXPECT_EQ(last_, KvCommands::After::closeAfterReply);
+  EXPECT_EQ(run({"Host:", "x"}), "");
+  EXPECT_EQ(last_, KvCommands::After::dropConnection);
+}
+
+TEST_F(KvCommandsTest, UnknownCommandTextIsCutAt128Bytes) {
+  std::string name(200, 'n');
+  std::string arg(200, 'x');
+  EXPECT_EQ(run({name, arg, "y"}), "-ERR unknown command '" + std::string(128, 'n') +
+                                       "', with args beginning with: '" + std::string(128, 'x') +
+                                       "' \r\n");
+  EXPECT_EQ(run({"foo", std::string(120, 'a'), "bcdefghijkl", "m"}),
+            "-ERR unknown command 'foo', with args beginning with: '" + std::string(120, 'a') +
+                "' 'bcdef' \r\n");
+}
+
+TEST_F(KvCommandsTest, KeysExpireLazilyAndActivelyAndKeepTheirTtlWhereRedisDoes) {
+  using namespace std::string_literals;
+  const std::string binaryKey = "k\0\r\n"s;
+  EXPECT_EQ(run({"SET", binaryKey, "v\0"s, "PX", "100"}), "+OK\r\n");
+  EXPECT_EQ(run({"PTTL", binaryKey}), ":100\r\n");
+  now_ += 99;
+  EXPECT_EQ(run({"GET", binaryKey}), "$2\r\nv\0\r\n"s);
+  EXPECT_EQ(run({"TTL", binaryKey}), ":0\r\n");  // 1 ms left rounds to 0 s
+  now_ += 1;
+  EXPECT_EQ(run({"GET", binaryKey}), "$-1\r\n");
+  EXPECT_EQ(store_.expiredCount(), 1u);
+
+  // INCR and KEEPTTL keep the expiry time; a plain SET clears it.
+  run({"SET", "c", "1", "EX", "10"});
+  EXPECT_EQ(run({"INCR", "c"}), ":2\r\n");
+  run({"SET", "c", "7", "KEEPTTL"});
+  EXPECT_EQ(run({"PTTL", "c"}), ":10000\r\n");
+  run({"SET", "c", "8"});
+  EXPECT_EQ(run({"PTTL", "c"}), ":-1\r\n");
+  EXPECT_EQ(store_.volatileCount(), 0u);
+
+  // Absolute times: in the past the key is gone at once; in the future it counts down.
+  EXPECT_EQ(run({"SET", "a", "1", "EXAT", "1"}), "+OK\r\n");
+  EXPECT_EQ(run({"EXISTS", "a"}), ":0\r\n");
+  run({"SET", "a", "1", "PXAT", std::to_string(now_ + 2500)});
+  EXPECT_EQ(run({"TTL", "a"}), ":3\r\n");
+
+  // Active expiry removes keys nobody asks for again, and only expired ones.
+  for (int i = 0; i < 1000; ++i) {
+    run({"SET", "t" + std::to_string(i), "x", "PX", i % 2 ? "50" : "5000"});
+  }
+  run({"SET", "persistent", "x"});
+  EXPECT_EQ(store_.volatileCount(), 1001u);
+  now_ += 100;
+  size_t removed = 0;
+  for (int round = 0; round < 100 && removed < 500; ++round) {
+    removed += store_.expireSome(now_, 64);
+  }
+  EXPECT_EQ(removed, 500u);
+  EXPECT_EQ(store_.expireSome(now_, 1u << 20), 0u);
+  EXPECT_EQ(run({"DBSIZE"}), ":503\r\n");
+  EXPECT_EQ(store_.volatileCount(), 501u);
+  EXPECT_EQ(run({"EXISTS", "t0", "t1", "persistent"}), ":2\r\n");
+
+  // Setting over an expired key that was never removed starts it afresh.
+  run({"SET", "old", "abc", "PX", "1"});
+  now_ += 1;
+  EXPECT_EQ(run({"SET", "old", "def", "XX"}), "$-1\r\n");
+  EXPECT_EQ(run({"SET", "old", "new", "NX", "GET"}), "$-1\r\n");
+  EXPECT_EQ(run({"PTTL", "old"}), ":-1\r\n");
+}
+
+}  // namespace
+}  // namespace TarvoKv
