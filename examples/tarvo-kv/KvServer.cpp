@@ -13,6 +13,7 @@
 #include <cstring>
 #include <sstream>
 #include <stdexcept>
+#include <string>
 #include <vector>
 
 namespace TarvoKv {
@@ -513,6 +514,17 @@ void KvServer::writeInfo(const std::string& section, std::string* out) const {
       *out += "\r\n";
       start = end + 1;
     }
+  }
+  if (section == "scheduler_json" || section == "everything") {
+    // The same figures as one JSON document on one line, for monitoring that parses. The
+    // writer's newlines only separate records; strings carry theirs escaped.
+    separate();
+    *out += "# Scheduler_json\r\n";
+    std::ostringstream json;
+    root_->writeStatsJson(json, false, true);
+    std::string text = json.str();
+    std::erase(text, '\n');
+    line("scheduler_stats", text);
   }
 }
 

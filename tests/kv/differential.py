@@ -9,6 +9,7 @@ Exit 0 when everything matches, 1 with every difference listed, 77 (skipped) whe
 or redis-cli is not installed. Every server started here is stopped here; all traffic goes to
 127.0.0.1.
 """
+import json
 import os
 import resource
 import shutil
@@ -234,6 +235,16 @@ def check_info(port):
                    "RunnableCount", "TaskName", "client:read", "listener:read"):
         if needle not in info:
             fail(f"INFO lacks {needle!r}")
+    # The machine-readable section: the same report as one JSON line.
+    lines = [l for l in info_text(port, "scheduler_json").splitlines()
+             if l.startswith("scheduler_stats:")]
+    if len(lines) != 1:
+        fail(f"INFO scheduler_json has no single scheduler_stats line: {lines!r}")
+        return
+    stats = json.loads(lines[0][len("scheduler_stats:"):])
+    names = {task["name"] for task in stats["tasks"]}
+    if len(stats["summary"]) != 5 or "listener:read" not in names:
+        fail(f"INFO scheduler_json: unexpected figures {stats!r}")
 
 
 def check_idle_timeout(binary):

@@ -47,6 +47,15 @@ root=$work/root
 dpkg -x "$runtime" "$root"
 dpkg -x "$dev" "$root"
 
+# Every installed header compiles from the unpacked root (the umbrella header first), with
+# nothing but the -dev package's dependencies.
+{
+  echo '#include <Tarvo/TaskScheduler.h>'
+  for h in "$root"/usr/include/Tarvo/*.h; do echo "#include <Tarvo/$(basename "$h")>"; done
+} >"$work/all-headers.cpp"
+c++ -std=c++20 -fsyntax-only -I"$root/usr/include" "$work/all-headers.cpp" ||
+  fail "the installed headers do not compile"
+
 cmake -S "$consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$root/usr" >/dev/null
 grep -q "^Tarvo_DIR:PATH=$root/usr/lib/cmake/Tarvo\$" "$work/cmake-build/CMakeCache.txt" ||
   fail "find_package(Tarvo) did not use the unpacked package"

@@ -147,6 +147,7 @@ TEST(TraceEventsTest, RunsAreCompleteEventsOnTheirSchedulersTracksWhateverTheNam
     return false;
   };
   std::map<std::string, int> seen;
+  std::map<int, std::vector<std::pair<double, double>>> slices;  // per track
   std::vector<json> parentRuns, innerRuns;
   unsigned instants = 0, suspends = 0;
   for (const json& e : trace["traceEvents"]) {
@@ -177,6 +178,7 @@ TEST(TraceEventsTest, RunsAreCompleteEventsOnTheirSchedulersTracksWhateverTheNam
     EXPECT_TRUE(near(ends[name], ts + dur)) << e;
     EXPECT_FALSE(e["args"].contains("note")) << e;
     ++seen[name];
+    slices[e["tid"].get<int>()].emplace_back(ts, ts + dur);
     if (name == "inner") {
       EXPECT_EQ(e["tid"], 2);
       EXPECT_EQ(e["args"]["scheduler"], "group\\1");
@@ -197,6 +199,17 @@ TEST(TraceEventsTest, RunsAreCompleteEventsOnTheirSchedulersTracksWhateverTheNam
   EXPECT_EQ(seen[names[1]], 2);
   EXPECT_EQ(seen[names[2]], 2);
   EXPECT_EQ(seen[shownBad], 2);
+  // The viewers need the slices of one track to nest or follow one another, never to overlap.
+  for (const auto& [tid, list] : slices) {
+    for (const auto& [s1, e1] : list) {
+      for (const auto& [s2, e2] : list) {
+        bool apart = e1 <= s2 + kTolerance || e2 <= s1 + kTolerance;
+        bool nested = (s1 <= s2 + kTolerance && e2 <= e1 + kTolerance) ||
+                      (s2 <= s1 + kTolerance && e1 <= e2 + kTolerance);
+        EXPECT_TRUE(apart || nested) << "track " << tid;
+      }
+    }
+  }
   ASSERT_EQ(parentRuns.size(), 2u);
   ASSERT_EQ(innerRuns.size(), 2u);
   for (int i = 0; i < 2; ++i) {
