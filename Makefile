@@ -55,14 +55,15 @@ fuzz: deps
 	cmake --build build/fuzz -j $(JOBS)
 	tests/fuzz/run.sh build/fuzz $(FUZZ_SECONDS)
 
-# The stress programs (tests/stress/, label "stress") under ASan+UBSan with leak checking.
+# The stress programs (tests/stress/, label "stress") under ASan+UBSan with leak checking;
+# -V shows what each held.
 STRESS_PROGRAMS = $(basename $(notdir $(wildcard tests/stress/stress_*.cpp)))
 
 stress: deps
 	cmake --preset asan
 	cmake --build --preset asan -j $(JOBS) --target $(STRESS_PROGRAMS)
 	ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-	  ctest --test-dir build/asan -L stress --output-on-failure
+	  ctest --test-dir build/asan -L stress -V
 
 # The demo and the stress programs under valgrind, with counts small enough for its pace.
 # The suppressions cover only libunwind probing memory through write().

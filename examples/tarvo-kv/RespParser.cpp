@@ -272,8 +272,8 @@ RespParser::Status RespParser::nextArray(std::vector<std::string>* args) {
     wordsLeft_ = count;
     wordsTaken_ = 0;
     // The count is the client's word: room grows with the words that really arrive. Words
-    // of the previous command are overwritten in place, which keeps their storage.
-    args->reserve(static_cast<size_t>(std::min<int64_t>(count, 1024)));
+    // of an earlier command are overwritten in place, which keeps their storage.
+    words_.reserve(static_cast<size_t>(std::min<int64_t>(count, 1024)));
   }
   while (wordsLeft_ > 0) {
     if (bulkLength_ < 0) {
@@ -303,17 +303,20 @@ RespParser::Status RespParser::nextArray(std::vector<std::string>* args) {
       }
       return Status::needMore;
     }
-    if (wordsTaken_ < args->size()) {
-      (*args)[wordsTaken_].assign(buffer_.data() + pos_, static_cast<size_t>(bulkLength_));
+    if (wordsTaken_ < words_.size()) {
+      words_[wordsTaken_].assign(buffer_.data() + pos_, static_cast<size_t>(bulkLength_));
     } else {
-      args->emplace_back(buffer_.data() + pos_, static_cast<size_t>(bulkLength_));
+      words_.emplace_back(buffer_.data() + pos_, static_cast<size_t>(bulkLength_));
     }
     ++wordsTaken_;
     pos_ += need;
     bulkLength_ = -1;
     --wordsLeft_;
   }
-  args->resize(wordsTaken_);
+  // The words built up here go out whole; the caller's earlier words come back as storage
+  // for the next command.
+  words_.resize(wordsTaken_);
+  args->swap(words_);
   return Status::command;
 }
 

@@ -65,10 +65,12 @@ class RespParser {
   RespLimits limits_;
   std::string buffer_;
   size_t pos_ = 0;
-  // State of an array in progress: the words still expected and those taken already.
+  // State of an array in progress: the words still expected and those taken already, kept
+  // here (not in the caller's vector) until the command is complete.
   int64_t wordsLeft_ = 0;
   int64_t bulkLength_ = -1;
   size_t wordsTaken_ = 0;
+  std::vector<std::string> words_;
   std::string error_;
 };
 

@@ -85,6 +85,23 @@ TEST(RespParserTest, PipelinedMixOfArraysAndInlineSurvivesEverySplit) {
   EXPECT_EQ(parsePieces(input, everyByte).commands, expected);
 }
 
+// A command split over several reads comes out whole whatever vector each call is given:
+// the words in progress once lived in the caller's vector, and a fresh one per call gave
+// "[k] []" for "GET k".
+TEST(RespParserTest, SplitArrayIsWholeWithAFreshVectorPerCall) {
+  const std::string input = "*2\r\n$3\r\nGET\r\n$1\r\nk\r\n";
+  RespParser parser;
+  std::vector<Words> commands;
+  for (char c : input) {
+    parser.feed(std::string_view(&c, 1));
+    Words fresh{"left", "over"};
+    if (parser.next(&fresh) == RespParser::Status::command) {
+      commands.push_back(fresh);
+    }
+  }
+  EXPECT_EQ(commands, std::vector<Words>({{"GET", "k"}}));
+}
+
 TEST(RespParserTest, MalformedInputGivesTheServerErrorAfterEarlierCommands) {
   struct Case {
     std::string input;
