@@ -299,6 +299,12 @@ TEST(CycleClock, ProcessSourceTellsLiveThreadsAndKeepsErrno) {
   EXPECT_TRUE(ProcessClockSource::threadAlive(otherId));
   release = true;
   other.join();
+  // join() returns once the kernel has cleared the thread's id, which it does a moment before
+  // the thread has finished exiting; until then a signal can still reach it.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  while (ProcessClockSource::threadAlive(otherId) && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::yield();
+  }
   errno = EINTR;
   EXPECT_FALSE(ProcessClockSource::threadAlive(otherId)) << "a joined thread is gone";
   ProcessClockSource::cyclesUsable();
