@@ -50,12 +50,18 @@ timeval monotonicNow() {
   return {static_cast<time_t>(us / 1000000), static_cast<suseconds_t>(us % 1000000)};
 }
 
+// libevent's "now" as this thread's base last stamped a timer with it (see addTimer()).
+__attribute__((tls_model("initial-exec"))) thread_local timeval baseNowSeen{};
+
 // Arms `ev` to expire `delay` from now. libevent stamps an expiry from its own monotonic
 // clock: the kernel's coarse clock, which moves in ticks (4 ms at 250 Hz), read once per loop
 // pass inside the loop. That stamp can lie a tick or a whole pass in the past, so the timer
-// would expire early and remainingTimeout() would be short by as much; the expiry libevent
-// chose (kept in the event, on the monotonic scale) is compared with the precise clock and
-// the difference added. A zero delay needs no correction: such a timer is due at once.
+// would expire early and remainingTimeout() would be short by as much. The wanted expiry is
+// therefore taken from the precise clock and handed to libevent as a delay from libevent's own
+// "now". That "now" moves only at a tick or a loop pass, so the one seen at the last add is
+// usually still right and one add suffices; when the stamp shows otherwise, the "now" it
+// reveals is kept and the timer added again. A zero delay needs no correction: such a timer
+// is due at once.
 void addTimer(event* ev, const timeval& delay) {
   if (delay.tv_sec == 0 && delay.tv_usec == 0) {
     addEvent(ev, &delay);
@@ -64,12 +70,17 @@ void addTimer(event* ev, const timeval& delay) {
   timeval wanted;
   timeval now = monotonicNow();
   timeradd(&now, &delay, &wanted);
-  addEvent(ev, &delay);
-  if (timercmp(&ev->ev_timeout, &wanted, <)) {
-    timeval behind, corrected;
-    timersub(&wanted, &ev->ev_timeout, &behind);
-    timeradd(&delay, &behind, &corrected);
-    addEvent(ev, &corrected);
+  timeval fromBaseNow = delay;
+  if (timercmp(&baseNowSeen, &wanted, <)) {
+    timersub(&wanted, &baseNowSeen, &fromBaseNow);
+  }
+  addEvent(ev, &fromBaseNow);
+  if (timercmp(&ev->ev_timeout, &wanted, !=)) {
+    timersub(&ev->ev_timeout, &fromBaseNow, &baseNowSeen);
+    if (timercmp(&baseNowSeen, &wanted, <)) {
+      timersub(&wanted, &baseNowSeen, &fromBaseNow);
+      addEvent(ev, &fromBaseNow);
+    }
   }
 }
 
