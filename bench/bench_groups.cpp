@@ -14,8 +14,6 @@
 #include <malloc.h>
 
 #include <algorithm>
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/post.hpp>
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
@@ -24,6 +22,7 @@
 #include <streambuf>
 #include <vector>
 
+#include "AsioAnchor.h"
 #include "Tarvo/Platform.h"
 #include "Tarvo/TaskScheduler.h"
 
@@ -131,21 +130,6 @@ void BM_PlainTaskThroughLoop(benchmark::State& state) {
                          benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 BENCHMARK(BM_PlainTaskThroughLoop);
-
-struct PostChain {
-  boost::asio::io_context* io;
-  void operator()() const { boost::asio::post(*io, *this); }
-};
-
-void BM_AsioPostChain(benchmark::State& state) {
-  boost::asio::io_context io;
-  boost::asio::post(io, PostChain{&io});
-  for (auto _ : state) {
-    io.run_one();
-  }
-  io.stop();
-}
-BENCHMARK(BM_AsioPostChain);
 
 // Counts what is written and keeps nothing.
 class CountingBuf : public std::streambuf {

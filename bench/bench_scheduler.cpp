@@ -15,11 +15,10 @@
 #include <event2/event.h>
 
 #include <malloc.h>
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/post.hpp>
 
 #include <vector>
 
+#include "AsioAnchor.h"
 #include "Tarvo/TaskScheduler.h"
 
 namespace {
@@ -66,21 +65,6 @@ void BM_LibeventZeroTimer(benchmark::State& state) {
   event_base_free(base);
 }
 BENCHMARK(BM_LibeventZeroTimer);
-
-struct PostChain {
-  boost::asio::io_context* io;
-  void operator()() const { boost::asio::post(*io, *this); }
-};
-
-void BM_AsioPostChain(benchmark::State& state) {
-  boost::asio::io_context io;
-  boost::asio::post(io, PostChain{&io});
-  for (auto _ : state) {
-    io.run_one();
-  }
-  io.stop();
-}
-BENCHMARK(BM_AsioPostChain);
 
 void BM_SteadyClockRead(benchmark::State& state) {
   for (auto _ : state) {
