@@ -20,9 +20,9 @@ namespace Tarvo {
 namespace {
 
 using Test::FnTask;
-using Test::SocketPair;
 using Test::historyCount;
 using Test::loggingTask;
+using Test::SocketPair;
 using ::testing::AllOf;
 using ::testing::HasSubstr;
 using Log = std::vector<std::string>;
@@ -131,7 +131,8 @@ TEST_F(RootTarvoTest, SchedulingFromAnotherThreadAbortsNamingBothThreads) {
                  task->scheduleTask();
                }).join(),
                "Executing in wrong thread [0-9]+\\(intruder\\) pid [0-9]+ scheduler belongs to "
-               "thread [0-9]+\\(.*\\) pid [0-9]+");
+               "thread [0-9]+\\(" +
+                   TaskSchedulerRoot::currentThreadName() + "\\) pid [0-9]+");
   root->threadSanityDisabledIs(true);
   std::thread([&] { task->scheduleTask(); }).join();
   root->threadSanityDisabledIs(false);
