@@ -156,17 +156,14 @@ TEST(PerThreadRoot, EachThreadHasItsOwnRootAndLoop) {
     task->scheduleTask();
     Platform::doEventLoop();
   };
-  const TaskSchedulerRoot* first = nullptr;
-  const TaskSchedulerRoot* second = nullptr;
-  Log firstLog;
-  Log secondLog;
-  std::thread one(work, &first, &firstLog);
-  std::thread two(work, &second, &secondLog);
+  const TaskSchedulerRoot* seen[2] = {};
+  Log logs[2];
+  std::thread one(work, &seen[0], &logs[0]), two(work, &seen[1], &logs[1]);
   one.join();
   two.join();
-  EXPECT_NE(first, second);
-  EXPECT_EQ(firstLog.size(), 100u);
-  EXPECT_EQ(secondLog.size(), 100u);
+  EXPECT_NE(seen[0], seen[1]);
+  EXPECT_EQ(logs[0].size(), 100u);
+  EXPECT_EQ(logs[1].size(), 100u);
 }
 
 std::shared_ptr<TaskSchedulerRoot> makeCustomRoot() {
