@@ -235,16 +235,29 @@ TEST_F(StatsTest, HistoryPrintsEveryLabelInTheSameLayout) {
 
 TEST_F(StatsTest, HistoryRecordsSchedulingStepsAndRejectsEventsOfTheWrongKind) {
   auto task = std::make_shared<FnTask>(root, TaskPriority::normal, "t");
-  root->clearHistory();
-  task->scheduleTask();
-  root->runUntilIdle();
-  std::string seen;
-  for (unsigned i = history.size(); i-- > 0;) {
-    seen += history.event(i).display() + "|";
-  }
-  EXPECT_EQ(seen,
+  auto group = TaskGroupIs("g", TaskPriority::normal, true, root);
+  auto inner = std::make_shared<FnTask>(group, TaskPriority::normal, "i");
+  auto runOldestFirst = [&](FnTask& t) {
+    root->clearHistory();
+    t.scheduleTask();
+    root->runUntilIdle();
+    std::string seen;
+    for (unsigned i = history.size(); i-- > 0;) {
+      seen += history.event(i).display() + "|";
+    }
+    return seen;
+  };
+  EXPECT_EQ(runOldestFirst(*task),
             "schedule   t|schedulerRunnable root|busy       t|run start  t|run end    t|"
             "idle       t|schedulerIdle root|");
+  // A group's task runs within a run of the group's parent task.
+  const std::string seen = runOldestFirst(*inner);
+  const size_t outerStart = seen.find("run start  g;TaskGroup|");
+  const size_t innerStart = seen.find("run start  i|"), innerEnd = seen.find("run end    i|");
+  const size_t outerEnd = seen.find("run end    g;TaskGroup|");
+  EXPECT_TRUE(outerStart < innerStart && innerStart < innerEnd && innerEnd < outerEnd &&
+              outerEnd != std::string::npos)
+      << seen;
 
   EXPECT_DEATH(history.insert({}, TaskSchedulerEventType::runEnd, root.get()),
                "Event.*EventType: 3");

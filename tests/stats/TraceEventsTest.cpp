@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <cmath>
 #include <iterator>
 #include <map>
 #include <memory>
@@ -89,108 +89,70 @@ TEST(JsonTextTest, StringsEscapeControlBytesAndReplaceEveryInvalidUtf8Byte) {
 TEST(TraceEventsTest, RunsAreCompleteEventsOnTheirSchedulersTracksWhateverTheNames) {
   auto root = std::make_shared<TaskSchedulerRootManual>("root \"main\"");
   auto group = TaskGroupIs("group\\1", TaskPriority::normal, true, root);
-  // Escaped bytes and valid UTF-8 come back byte for byte; each invalid byte becomes U+FFFD.
-  const std::string odd("q\"b\\s\x01\n\x1f\0 caf\xc3\xa9", 15), bad = "bad\xff\xc0\xaf";
-  const std::string shownBad = "bad\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd";
-  auto first = std::make_shared<FnTask>(root, TaskPriority::high, odd);
-  auto second = std::make_shared<FnTask>(root, TaskPriority::low, bad);
+  auto first =
+      std::make_shared<FnTask>(root, TaskPriority::high, std::string("q\"b\\s\x01\n\0", 8));
+  auto second = std::make_shared<FnTask>(root, TaskPriority::low, "bad\xff");
   auto inner = std::make_shared<FnTask>(group, TaskPriority::normal, "inner");
-  for (int round = 0; round < 2; ++round) {
-    for (FnTask* t : {first.get(), second.get(), inner.get()}) {
-      t->scheduleTask();
-    }
-    root->runUntilIdle();
-  }
-  first->taskSuspendedIs(true);
+  root->clearHistory();
+  TaskSchedulerHistory& history = *root->history();
+  auto at = [](int us) { return TaskTimePoint(std::chrono::microseconds(us)); };
+  history.insert(at(2), Type::runStart, first.get());
+  history.insert(at(5), Type::runEnd, first.get());
+  // A group's runs lie within its parent task's run; each pairs with its own start.
+  history.insert(at(6), Type::runStart, &group->parentTask());
+  history.insert(at(7), Type::runStart, inner.get());
+  history.insert(at(8), Type::runEnd, inner.get());
+  history.insert(at(9), Type::runEnd, &group->parentTask());
+  history.insert(at(10), Type::runStart, second.get());
+  history.insert(at(12), Type::runEnd, second.get());
+  history.insert(at(13), Type::suspendOn, first.get());
+  history.insert(at(14), Type::schedulerIdle, group.get());
 
-  const TaskSchedulerHistory& history = *root->history();
-  ASSERT_LT(history.size(), history.capacity());
-  std::map<std::string, std::vector<double>> starts, ends;
-  unsigned runs = 0;
-  for (unsigned i = 0; i < history.size(); ++i) {
-    const auto& e = history.event(i);
-    const std::string name = e.name().str() == bad ? shownBad : e.name().str();
-    if (e.eventType() == Type::runStart) {
-      starts[name].push_back(micros(e.timestamp()));
-      ++runs;
-    } else if (e.eventType() == Type::runEnd) {
-      ends[name].push_back(micros(e.timestamp()));
-    }
+  // Names are escaped; an invalid UTF-8 byte becomes U+FFFD.
+  std::string expected =
+      R"({"displayTimeUnit":"ns","otherData":{"root":"root \"main\"","historyCapacity":100,)"
+      R"("historyEvents":10},"traceEvents":[)"
+      "\n"
+      R"({"ph":"X","name":"q\"b\\s\u0001\n\u0000","cat":"run","ts":2.000,"pid":PID,"tid":1,)"
+      R"("dur":3.000,"args":{"task":"q\"b\\s\u0001\n\u0000","priority":"high",)"
+      R"("scheduler":"root \"main\""}},)"
+      "\n"
+      R"({"ph":"X","name":"inner","cat":"run","ts":7.000,"pid":PID,"tid":2,"dur":1.000,)"
+      R"("args":{"task":"inner","priority":"normal","scheduler":"group\\1"}},)"
+      "\n"
+      R"({"ph":"X","name":"group\\1;TaskGroup","cat":"run","ts":6.000,"pid":PID,"tid":1,)"
+      R"("dur":3.000,"args":{"task":"group\\1;TaskGroup","priority":"normal",)"
+      R"("scheduler":"root \"main\""}},)"
+      "\n"
+      R"({"ph":"X","name":"bad)"
+      "\xef\xbf\xbd"
+      R"(","cat":"run","ts":10.000,"pid":PID,"tid":1,"dur":2.000,"args":{"task":"bad)"
+      "\xef\xbf\xbd"
+      R"(","priority":"low","scheduler":"root \"main\""}},)"
+      "\n"
+      R"({"ph":"i","name":"suspendOn","cat":"task","ts":13.000,"pid":PID,"tid":1,"s":"t",)"
+      R"("args":{"task":"q\"b\\s\u0001\n\u0000","priority":"high",)"
+      R"("scheduler":"root \"main\""}},)"
+      "\n"
+      R"({"ph":"i","name":"schedulerIdle","cat":"scheduler","ts":14.000,"pid":PID,"tid":2,)"
+      R"("s":"t","args":{"scheduler":"group\\1"}},)"
+      "\n"
+      R"({"ph":"M","name":"process_name","pid":PID,"tid":1,"args":{"name":"root \"main\""}},)"
+      "\n"
+      R"({"ph":"M","name":"thread_name","pid":PID,"tid":1,"args":{"name":"root \"main\""}},)"
+      "\n"
+      R"({"ph":"M","name":"thread_sort_index","pid":PID,"tid":1,"args":{"sort_index":1}},)"
+      "\n"
+      R"({"ph":"M","name":"thread_name","pid":PID,"tid":2,"args":{"name":"group\\1"}},)"
+      "\n"
+      R"({"ph":"M","name":"thread_sort_index","pid":PID,"tid":2,"args":{"sort_index":2}})"
+      "\n]}\n";
+  for (size_t pid = expected.find("PID"); pid != std::string::npos; pid = expected.find("PID")) {
+    expected.replace(pid, 3, std::to_string(getpid()));
   }
-  ASSERT_EQ(runs, 8u);
-
-  json trace = traceOf(*root);
-  ASSERT_TRUE(trace["traceEvents"].is_array());
-  EXPECT_EQ(trace["otherData"]["root"], "root \"main\"");
-  EXPECT_EQ(threadNames(trace),
-            (std::map<int, std::string>{{1, "root \"main\""}, {2, "group\\1"}}));
-
-  auto near = [](const std::vector<double>& list, double v) {
-    return std::any_of(list.begin(), list.end(),
-                       [v](double x) { return std::fabs(x - v) < kTolerance; });
-  };
-  std::map<std::string, int> seen;
-  struct Slice {
-    double start, end;
-    std::string name;
-  };
-  std::vector<Slice> slices;
-  unsigned instants = 0, suspends = 0;
-  for (const json& e : trace["traceEvents"]) {
-    ASSERT_TRUE(e["pid"].is_number_integer() && e["tid"].is_number_integer() &&
-                e["name"].is_string())
-        << e;
-    std::string ph = e["ph"];
-    if (ph == "M") {
-      continue;
-    }
-    ASSERT_TRUE(e["ts"].is_number()) << e;
-    if (ph == "i") {
-      ++instants;
-      EXPECT_EQ(e["s"], "t");
-      if (e["name"] == "suspendOn") {
-        ++suspends;
-        EXPECT_EQ(e["args"]["task"], odd);
-        EXPECT_EQ(e["args"]["priority"], "high");
-      }
-      continue;
-    }
-    ASSERT_EQ(ph, "X") << e;
-    std::string name = e["name"];
-    double ts = e["ts"], dur = e["dur"];
-    EXPECT_GE(dur, 0.0);
-    EXPECT_EQ(e["args"]["task"], name);
-    EXPECT_TRUE(near(starts[name], ts)) << e;
-    EXPECT_TRUE(near(ends[name], ts + dur)) << e;
-    EXPECT_FALSE(e["args"].contains("note")) << e;
-    ++seen[name];
-    slices.push_back({ts, ts + dur, name});
-    const bool inGroup = name == "inner";
-    EXPECT_EQ(e["tid"], inGroup ? 2 : 1);
-    EXPECT_EQ(e["args"]["scheduler"], inGroup ? "group\\1" : "root \"main\"");
-    if (inGroup) {
-      EXPECT_EQ(e["args"]["priority"], "normal");
-    }
-  }
-  EXPECT_EQ(instants, history.size() - 2 * runs);
-  EXPECT_EQ(suspends, 1u);
-  EXPECT_EQ(seen, (std::map<std::string, int>{
-                      {odd, 2}, {shownBad, 2}, {"inner", 2}, {"group\\1;TaskGroup", 2}}));
-  // The viewers need slices to nest or follow one another, never to overlap; each inner run
-  // lies within one run of the group's parent task.
-  for (const Slice& a : slices) {
-    int parents = 0;
-    for (const Slice& b : slices) {
-      const bool within = b.start <= a.start + kTolerance && a.end <= b.end + kTolerance;
-      const bool around = a.start <= b.start + kTolerance && b.end <= a.end + kTolerance;
-      const bool apart = a.end <= b.start + kTolerance || b.end <= a.start + kTolerance;
-      EXPECT_TRUE(apart || within || around) << a.name << " / " << b.name;
-      parents += within && b.name == "group\\1;TaskGroup";
-    }
-    if (a.name == "inner") {
-      EXPECT_EQ(parents, 1);
-    }
-  }
+  std::ostringstream os;
+  root->writeTraceEvents(os);
+  EXPECT_EQ(os.str(), expected);
 }
 
 TEST(TraceEventsTest, CutThrownUnfinishedAndVanishedRunsAreMarked) {
