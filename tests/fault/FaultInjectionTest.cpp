@@ -294,7 +294,10 @@ TEST(FaultInjection, DescriptorExhaustionGivesClearErrorsAndLeavesNothingHalfBui
                                    "many open files\")|"));
   EXPECT_THAT(child.out, HasSubstr("root:Tarvo::RuntimeException(\"event_base_new failed: Too "
                                    "many open files\")|"));
-  EXPECT_THAT(child.out, HasSubstr("socket() failed: Too many open files\")|"));
+  EXPECT_THAT(child.out, HasSubstr("bind:Tarvo::AssertException(\"Util:createAndBindSocket:"));
+  EXPECT_THAT(
+      child.out,
+      HasSubstr(" WriterLock::createAndBindSocket() socket() failed: Too many open files\")|"));
   EXPECT_THAT(child.out, HasSubstr("socketpair:-11 fds:0 root:1 after:11"));
 }
 
