@@ -306,39 +306,32 @@ TEST(FaultInjection, DescriptorExhaustionGivesClearErrorsAndLeavesNothingHalfBui
 TEST(FaultInjection, ForkWithArmedTimersAndQueuedTasksLeavesBothSidesWhole) {
   Platform::setFastForward(true);
   const std::shared_ptr<void> modeOff(nullptr, [](void*) { Platform::setFastForward(false); });
-  struct Log : Platform::TimeoutHandler {
-    std::string text;
-    char mark = 'a';
-    void timeout() override { text += mark; }
-  };
-  Log first, second;
-  second.mark = 'b';
+  std::string log;
+  Faulty first, second;
+  first.fault = [&] { log += 'a'; };
+  second.fault = [&] { log += 'b'; };
   auto t1 = Platform::getTimerControl(&first);
   auto t2 = Platform::getTimerControl(&second);
   t1->setTimeout(30);
   t2->setTimeout(60);
   auto root = schedulerRootTarvoNonShared("fork");
-  std::string runs;
-  auto taskA =
-      std::make_shared<FnTask>(root, TaskPriority::high, "A", [&](FnTask&) { runs += 'A'; });
-  auto taskB =
-      std::make_shared<FnTask>(root, TaskPriority::low, "B", [&](FnTask&) { runs += 'B'; });
+  auto taskA = loggingTask(root, TaskPriority::high, "A", log);
+  auto taskB = loggingTask(root, TaskPriority::low, "B", log);
   taskA->scheduleTask();
   taskB->scheduleTask();
 
   ChildResult child = runInChild([&] {
     Platform::doEventLoop();
-    std::cout << first.text << second.text << runs << root->runnableTaskCount();
+    std::cout << log << root->runnableTaskCount();
     return 0;
   });
   EXPECT_EQ(child.exitCode, 0) << child.err;
-  EXPECT_EQ(child.out, "abAB0");
-
-  EXPECT_EQ(first.text + second.text + runs, "");
+  EXPECT_EQ(child.out, "ABab0");
+  EXPECT_EQ(log, "");
   EXPECT_GT(t1->remainingTimeout(), 20);
   EXPECT_EQ(root->runnableTaskCount(), 2);
   Platform::doEventLoop();
-  EXPECT_EQ(first.text + second.text + runs, "abAB");
+  EXPECT_EQ(log, "ABab");
   EXPECT_EQ(root->runnableTaskCount(), 0);
 }
 
