@@ -28,16 +28,15 @@ class KvCommandsTest : public ::testing::Test {
   KvCommands::After last_ = KvCommands::After::proceed;
 };
 
-// Replies recorded from redis-server 7.0 for the same commands, in the same order: one row per
-// reply path of each command. The differential test checks many more argument errors against
-// a live redis-server.
+// Replies recorded from redis-server 7.0 for what the differential test against a live server
+// (KvDifferentialAgainstRedis, which checks every other reply path of the commands) does not
+// check: it sends no empty echo, no line ends or long texts in unknown commands, no SET GET of a
+// missing key, no EXPIRE XX of a key without a time to live and no COMMAND DOCS; it reads replies
+// through redis-cli, which shows a null bulk and a null array alike, and it cannot reach the INFO
+// section this fixture writes.
 TEST_F(KvCommandsTest, RepliesMatchTheReferenceServerByteForByte) {
   const std::vector<std::pair<Words, std::string>> script = {
-      {{"PING"}, "+PONG\r\n"},
-      {{"ping", "hi"}, "$2\r\nhi\r\n"},
-      {{"PING", "a", "b"}, "-ERR wrong number of arguments for 'ping' command\r\n"},
       {{"echo", ""}, "$0\r\n\r\n"},
-      {{"foo"}, "-ERR unknown command 'foo', with args beginning with: \r\n"},
       {{"FOO", "a'b", "c"}, "-ERR unknown command 'FOO', with args beginning with: 'a'b' 'c' \r\n"},
       {{"a\r\nb", "x\ny"}, "-ERR unknown command 'a  b', with args beginning with: 'x y' \r\n"},
       // The name and the arguments are each cut at 128 bytes, the arguments all together.
@@ -48,55 +47,10 @@ TEST_F(KvCommandsTest, RepliesMatchTheReferenceServerByteForByte) {
        "-ERR unknown command 'foo', with args beginning with: '" + std::string(120, 'a') +
            "' 'bcdef' \r\n"},
       {{"SET", "k", "v"}, "+OK\r\n"},
-      {{"SET", "k", "v", "EX", "0"}, "-ERR invalid expire time in 'set' command\r\n"},
-      {{"SET", "k", "v", "EX", "9223372036854775"},
-       "-ERR invalid expire time in 'set' command\r\n"},
-      {{"SET", "k", "v", "EX", "abc"}, "-ERR value is not an integer or out of range\r\n"},
-      {{"SET", "k", "v", "EX"}, "-ERR syntax error\r\n"},
-      {{"SET", "k", "v", "NX", "XX"}, "-ERR syntax error\r\n"},
       {{"SET", "k", "v", "NX"}, "$-1\r\n"},
-      {{"SET", "k2", "v", "XX"}, "$-1\r\n"},
-      {{"SET", "k", "v2", "nx", "GET"}, "$1\r\nv\r\n"},
-      {{"SET", "k", "v3", "GET"}, "$1\r\nv\r\n"},
       {{"SET", "k3", "v", "get"}, "$-1\r\n"},
-      {{"GET", "k"}, "$2\r\nv3\r\n"},
-      {{"SET", "n", "10"}, "+OK\r\n"},
-      {{"INCR", "n"}, ":11\r\n"},
-      {{"incrby", "n", "-5"}, ":6\r\n"},
-      {{"DECR", "n"}, ":5\r\n"},
-      {{"DECRBY", "n", "-5"}, ":10\r\n"},
-      {{"INCR", "k"}, "-ERR value is not an integer or out of range\r\n"},
-      {{"SET", "big", "9223372036854775807"}, "+OK\r\n"},
-      {{"INCR", "big"}, "-ERR increment or decrement would overflow\r\n"},
-      {{"DECRBY", "big", "-9223372036854775808"}, "-ERR decrement would overflow\r\n"},
-      {{"DEL", "k", "n", "nokey"}, ":2\r\n"},
-      {{"EXISTS", "big", "big", "nokey"}, ":2\r\n"},
-      {{"DBSIZE"}, ":2\r\n"},
-      {{"EXPIRE", "nokey", "10"}, ":0\r\n"},
-      {{"EXPIRE", "big", "9223372036854775"}, "-ERR invalid expire time in 'expire' command\r\n"},
-      {{"EXPIRE", "big", "5", "NX", "XX"},
-       "-ERR NX and XX, GT or LT options at the same time are not compatible\r\n"},
-      {{"EXPIRE", "big", "5", "GT", "LT"},
-       "-ERR GT and LT options at the same time are not compatible\r\n"},
-      {{"EXPIRE", "big", "5", "Foo"}, "-ERR Unsupported option Foo\r\n"},
-      {{"EXPIRE", "big", "100", "XX"}, ":0\r\n"},
-      {{"EXPIRE", "big", "100", "GT"}, ":0\r\n"},
-      {{"EXPIRE", "big", "100", "nx"}, ":1\r\n"},
-      {{"EXPIRE", "big", "100", "NX"}, ":0\r\n"},
-      {{"EXPIRE", "big", "50", "GT"}, ":0\r\n"},
-      {{"EXPIRE", "big", "500", "GT"}, ":1\r\n"},
-      {{"EXPIRE", "big", "600", "LT"}, ":0\r\n"},
-      {{"TTL", "big"}, ":500\r\n"},
-      {{"PTTL", "big"}, ":500000\r\n"},
-      {{"TTL", "nokey"}, ":-2\r\n"},
-      {{"TTL", "k3"}, ":-1\r\n"},
-      {{"EXPIRE", "k3", "-5"}, ":1\r\n"},
-      {{"EXISTS", "k3"}, ":0\r\n"},
-      {{"FLUSHALL", "x"}, "-ERR syntax error\r\n"},
-      {{"COMMAND", "FOO"}, "-ERR unknown subcommand 'FOO'. Try COMMAND HELP.\r\n"},
+      {{"EXPIRE", "k", "100", "XX"}, ":0\r\n"},
       {{"COMMAND", "DOCS"}, "*0\r\n"},
-      {{"FLUSHALL", "async"}, "+OK\r\n"},
-      {{"DBSIZE"}, ":0\r\n"},
       {{"INFO", "nosuch"}, "$0\r\n\r\n"},
       {{"INFO", "SERVER"}, "$21\r\n# Server\r\nname:test\r\n\r\n"},
   };
