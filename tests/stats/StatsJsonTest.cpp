@@ -154,7 +154,7 @@ TEST(StatsJsonTest, SameFiguresAsTheTextReportOverTheWholeTreeWhateverTheStream)
   EXPECT_EQ(stats["deadTasks"][0]["workCountMax"], nullptr);
   EXPECT_EQ(stats["skippedTasks"], 0);
 
-  // The root's report ends with the history, and says nothing about where it is.
+  // The root's report ends with its own history, not with the line pointing to the root.
   const std::string report = text.str();
   EXPECT_EQ(report.find("non root"), std::string::npos);
   const size_t historyAt = report.find("\n\nLast 3 scheduler events,");
