@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <iomanip>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -124,6 +125,12 @@ TEST(ReportTest, TablesSortTruncateSkipAndShowDeadRecordsAndPlaceholders) {
   printStatsImpl(os, queues, 0ns, &live, 0, nullptr, 0, false, 0, 0);
   EXPECT_EQ(os.str().find("Dead "), std::string::npos);
   EXPECT_NE(os.str().find("Truncated 5 tasks due to requested limit\n"), std::string::npos);
+
+  // No live records at all is refused before anything is written.
+  os.str("");
+  EXPECT_THROW(printStatsImpl(os, queues, 0ns, nullptr, 0, &dead, 0, false, 0, 0),
+               std::invalid_argument);
+  EXPECT_EQ(os.str(), "");
 }
 
 TEST(QueueStatsTest, CountsFollowRegistrationRunsAndDeathsAndSumOverTheTree) {
