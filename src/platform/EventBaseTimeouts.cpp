@@ -51,12 +51,21 @@ int heapTop(const event_base*, const event* ev, void* arg) {
 // queue stays sorted; nothing is re-linked. Only keys change, which the walk that calls this
 // does not look at.
 int shiftExpiry(const event_base*, const event* ev, void* arg) {
-  if (timerPending(ev)) {
+  if (ev->ev_evcallback.evcb_flags & EVLIST_TIMEOUT) {
+    // Plain arithmetic on values rather than timersub() on addresses: this runs once per
+    // pending timer per step, and in sanitizer builds every access through an address is
+    // checked.
+    const timeval offset = *static_cast<const timeval*>(arg);
     timeval& expiry = const_cast<event*>(ev)->ev_timeout;
-    const suseconds_t marker = expiry.tv_usec & ~kMicrosecondBits;
-    const timeval plain{expiry.tv_sec, expiry.tv_usec & kMicrosecondBits};
-    timersub(&plain, static_cast<const timeval*>(arg), &expiry);
-    expiry.tv_usec |= marker;
+    const suseconds_t usec = expiry.tv_usec;
+    suseconds_t micros = (usec & kMicrosecondBits) - offset.tv_usec;
+    time_t secs = expiry.tv_sec - offset.tv_sec;
+    if (micros < 0) {
+      micros += 1000000;
+      --secs;
+    }
+    expiry.tv_sec = secs;
+    expiry.tv_usec = micros | (usec & ~kMicrosecondBits);
   }
   return 0;
 }
