@@ -49,7 +49,9 @@ int heapTop(const event_base*, const event* ev, void* arg) {
 // Moves one expiry `offset` earlier, keeping a common-timeout queue's marker bits. Every heap
 // entry and every queue entry moves by the same amount, so the heap stays a heap and each
 // queue stays sorted; nothing is re-linked. Only keys change, which the walk that calls this
-// does not look at.
+// does not look at. The offset is a span, the same on the monotonic scale of `ev_timeout` as
+// on the wall-clock scale that event_pending() reports, and no clock is read, so the time
+// libevent caches during a loop pass plays no part.
 int shiftExpiry(const event_base*, const event* ev, void* arg) {
   if (ev->ev_evcallback.evcb_flags & EVLIST_TIMEOUT) {
     // Plain arithmetic on values rather than timersub() on addresses: this runs once per
