@@ -71,7 +71,8 @@ constexpr unsigned statsNoLimit = 0xffffffffu;
 // figure of the live table with the placeholder "."; the dead table always shows them.
 // The text does not depend on the caller's stream format nor on the global locale (figures
 // always use '.' and no digit grouping); the caller's flags, fill, precision and locale are
-// given back, and a width set before the call is used up, as by any output.
+// given back, and a width set before the call is used up, as by any output. A null `tasks`
+// throws std::invalid_argument before anything is written.
 void printStatsImpl(std::ostream& os, const TaskSchedulerQueueStats& queueStats,
                     std::chrono::nanoseconds slip, std::vector<TaskStat>* tasks, unsigned skipped,
                     std::vector<TaskStat>* deadTasks, unsigned deadSkipped, bool hideWorkCounts,

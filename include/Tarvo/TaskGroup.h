@@ -1,5 +1,5 @@
 // Task groups: a child scheduler whose tasks run, as a whole, inside one task of its parent.
-// Included by TaskScheduler.h; include that header rather than this one.
+// Declared with the scheduler: TaskScheduler.h includes this header, and this one includes it.
 //
 // The parent sees a group as one task, its ParentTask, named "<group name>;TaskGroup", with
 // one priority and one quantum. Each turn of that task runs the group's tasks back to back
@@ -26,6 +26,8 @@
 #include <chrono>
 #include <memory>
 #include <string>
+
+#include "Tarvo/TaskScheduler.h"
 
 namespace Tarvo {
 

@@ -43,15 +43,39 @@ void addEvent(event* ev, const timeval* timeout) {
   }
 }
 
-// The monotonic clock through the scheduler's cycle-counter reading, which is on the same
-// scale and costs a fraction of a clock_gettime() call; timers need it only to the microsecond.
-timeval monotonicNow() {
-  const int64_t us = processClock.nowNs() / 1000;
-  return {static_cast<time_t>(us / 1000000), static_cast<suseconds_t>(us % 1000000)};
+constexpr int64_t kMicrosPerSecond = 1'000'000;
+
+int64_t toMicros(const timeval& tv) {
+  return static_cast<int64_t>(tv.tv_sec) * kMicrosPerSecond + tv.tv_usec;
 }
 
-// libevent's "now" as this thread's base last stamped a timer with it (see addTimer()).
-__attribute__((tls_model("initial-exec"))) thread_local timeval baseNowSeen{};
+timeval fromMicros(int64_t us) {
+  return {static_cast<time_t>(us / kMicrosPerSecond),
+          static_cast<suseconds_t>(us % kMicrosPerSecond)};
+}
+
+// `tv` moved by `us` microseconds, less than a second either way.
+timeval shiftedBy(timeval tv, int64_t us) {
+  tv.tv_usec += static_cast<suseconds_t>(us);
+  if (tv.tv_usec >= kMicrosPerSecond) {
+    tv.tv_usec -= kMicrosPerSecond;
+    ++tv.tv_sec;
+  } else if (tv.tv_usec < 0) {
+    tv.tv_usec += kMicrosPerSecond;
+    --tv.tv_sec;
+  }
+  return tv;
+}
+
+// The monotonic clock in microseconds, through the scheduler's cycle-counter reading, which is
+// on the same scale and costs a fraction of a clock_gettime() call.
+int64_t monotonicNowMicros() {
+  return processClock.nowNs() / 1000;
+}
+
+// libevent's "now", in microseconds, as this thread's base last stamped a timer with it (see
+// addTimer()).
+__attribute__((tls_model("initial-exec"))) thread_local int64_t baseNowSeen = 0;
 
 // Arms `ev` to expire `delay` from now. libevent stamps an expiry from its own monotonic
 // clock: the kernel's coarse clock, which moves in ticks (4 ms at 250 Hz), read once per loop
@@ -61,24 +85,30 @@ __attribute__((tls_model("initial-exec"))) thread_local timeval baseNowSeen{};
 // "now". That "now" moves only at a tick or a loop pass, so the one seen at the last add is
 // usually still right and one add suffices; when the stamp shows otherwise, the "now" it
 // reveals is kept and the timer added again. A zero delay needs no correction: such a timer
-// is due at once.
+// is due at once. The arithmetic is on plain 64-bit microseconds: timeval pairs invite the
+// compiler to vector code whose loads stall on the stores just made.
 void addTimer(event* ev, const timeval& delay) {
-  if (delay.tv_sec == 0 && delay.tv_usec == 0) {
+  const int64_t delayUs = toMicros(delay);
+  if (delayUs == 0) {
     addEvent(ev, &delay);
     return;
   }
-  timeval wanted;
-  timeval now = monotonicNow();
-  timeradd(&now, &delay, &wanted);
+  const int64_t now = monotonicNowMicros();
+  // How far libevent's "now" lags ours: usually less than a tick, so the delay is corrected
+  // with a carry rather than split again by division.
+  const int64_t lag = now - baseNowSeen;
   timeval fromBaseNow = delay;
-  if (timercmp(&baseNowSeen, &wanted, <)) {
-    timersub(&wanted, &baseNowSeen, &fromBaseNow);
+  if (lag > -delayUs) {
+    fromBaseNow = lag > -kMicrosPerSecond && lag < kMicrosPerSecond ? shiftedBy(delay, lag)
+                                                                    : fromMicros(delayUs + lag);
   }
   addEvent(ev, &fromBaseNow);
-  if (timercmp(&ev->ev_timeout, &wanted, !=)) {
-    timersub(&ev->ev_timeout, &fromBaseNow, &baseNowSeen);
-    if (timercmp(&baseNowSeen, &wanted, <)) {
-      timersub(&wanted, &baseNowSeen, &fromBaseNow);
+  const int64_t wanted = now + delayUs;
+  const int64_t stamped = toMicros(ev->ev_timeout);
+  if (stamped != wanted) {
+    baseNowSeen = stamped - toMicros(fromBaseNow);
+    if (baseNowSeen < wanted) {
+      fromBaseNow = fromMicros(wanted - baseNowSeen);
       addEvent(ev, &fromBaseNow);
     }
   }
@@ -230,14 +260,8 @@ double LibeventTimerControl::remainingTimeout() const {
   // The expiry as libevent keeps it, on the monotonic scale (the wall clock libevent would
   // report it on is derived from its coarse clock, off by up to a tick). Fast-forward moves
   // it like any other expiry.
-  const timeval& expiry = timer_->ev_timeout;
-  timeval now = monotonicNow();
-  if (!timercmp(&expiry, &now, >)) {
-    return 0;
-  }
-  timeval left;
-  timersub(&expiry, &now, &left);
-  return static_cast<double>(left.tv_sec) + static_cast<double>(left.tv_usec) / 1e6;
+  const int64_t left = toMicros(timer_->ev_timeout) - monotonicNowMicros();
+  return left > 0 ? static_cast<double>(left) / 1e6 : 0;
 }
 
 void LibeventTimerControl::handler() {

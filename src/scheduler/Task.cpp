@@ -5,6 +5,7 @@
 #include "Tarvo/Exception.h"
 #include "Tarvo/TaskScheduler.h"
 #include "platform/ProcessClock.h"
+#include "scheduler/QuantumViolation.h"
 #include "scheduler/SchedulerText.h"
 #include "scheduler/SchedulerTrace.h"
 
@@ -334,15 +335,15 @@ void TaskImpl::taskDoRun(const TaskTimePoint& start, TaskTimePoint* end) {
   taskCurrentlyRunning_ = false;
   *end = processClockNow();
   nanoseconds elapsed = *end - taskRunStartTime_;
-  // Compared as elapsed / n against the quantum, which cannot overflow for any quantum.
-  if (taskQuantum_.count() != 0 && elapsed / 2 >= taskQuantum_) {
+  if (QuantumViolation violation = quantumViolation(elapsed, taskQuantum_);
+      violation != QuantumViolation::none) {
     TARVO_TRACE(
         schedulerTrace(), 5,
         "Ran " << this << " used " << elapsed << " "
                << static_cast<int64_t>(std::chrono::duration<double>(elapsed).count() /
                                        std::chrono::duration<double>(taskQuantum_).count() * 100)
                << "% violation");
-    if (elapsed / 5 < taskQuantum_) {
+    if (violation == QuantumViolation::over200) {
       ++taskQuantumViolation200_;
     } else {
       ++taskQuantumViolation500_;

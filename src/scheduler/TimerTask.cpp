@@ -127,9 +127,9 @@ void TimerTask::scheduleTaskDelayedPrivate(Delay delayIntoFuture, bool restart) 
   TaskSchedulerRoot* r = root();
   delayIntoFuture = clampToMinimum(delayIntoFuture, *r);
   if (!r->timerStart(*this, delayIntoFuture, restart)) {
-    TARVO_TRACE(
-        schedulerTrace(), 8,
-        "Timer already running " << this << " expire " << r->timerExpiry(*this).time_since_epoch());
+    TARVO_TRACE(schedulerTrace(), 8,
+                "Timer already running " << this << " expire "
+                                         << DisplayTaskTimeStamp{r->timerExpiry(*this)});
     if (timerRunning_) {
       return;
     }

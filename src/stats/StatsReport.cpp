@@ -5,6 +5,7 @@
 #include <charconv>
 #include <iostream>
 #include <locale>
+#include <stdexcept>
 
 #include "Tarvo/TaskScheduler.h"
 #include "stats/StreamFormatGuard.h"
@@ -132,6 +133,9 @@ void printStatsImpl(std::ostream& os, const TaskSchedulerQueueStats& queueStats,
                     std::chrono::nanoseconds slip, std::vector<TaskStat>* tasks, unsigned skipped,
                     std::vector<TaskStat>* deadTasks, unsigned deadSkipped, bool hideWorkCounts,
                     unsigned taskLimit, unsigned deadTaskLimit) {
+  if (tasks == nullptr) {
+    throw std::invalid_argument("printStatsImpl: no live task records (tasks is null)");
+  }
   StreamFormatGuard clean(os);
   os << reportFormat("%-8s %13s %13s %9s %15s\n") % "Priority" % "RunnableCount" % "IdleCount" %
             "DeadCount" % "TotalRunCount";

@@ -1,14 +1,13 @@
 #include "common/TestSupport.h"
 
-#include <dirent.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <iterator>
 #include <stdexcept>
 
 namespace Tarvo::Test {
@@ -73,19 +72,15 @@ ChildResult runInChild(const std::function<int()>& body) {
 }
 
 ChildResult runSelf(const std::string& gtestFilter, const std::vector<std::string>& env) {
-  char self[PATH_MAX];
-  ssize_t len = readlink("/proc/self/exe", self, sizeof self - 1);
-  if (len < 0) {
-    throw std::runtime_error("readlink /proc/self/exe failed");
-  }
-  self[len] = '\0';
+  const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
   return forkCaptured([&] {
     for (const std::string& entry : env) {
       putenv(const_cast<char*>(entry.c_str()));
     }
     putenv(const_cast<char*>(kChildMarker));
     std::string filter = "--gtest_filter=" + gtestFilter;
-    execl(self, self, filter.c_str(), "--gtest_brief=1", static_cast<char*>(nullptr));
+    execl(self.c_str(), self.c_str(), filter.c_str(), "--gtest_brief=1",
+          static_cast<char*>(nullptr));
     _exit(126);
   });
 }
@@ -96,18 +91,9 @@ bool isChildRun() {
 }
 
 int openFdCount() {
-  int count = 0;
-  DIR* dir = opendir("/proc/self/fd");
-  if (dir == nullptr) {
-    return -1;
-  }
-  while (dirent* entry = readdir(dir)) {
-    if (entry->d_name[0] != '.') {
-      ++count;
-    }
-  }
-  closedir(dir);
-  return count - 1;  // the directory stream's own descriptor
+  // Less the directory stream's own descriptor.
+  std::filesystem::directory_iterator fds("/proc/self/fd");
+  return static_cast<int>(std::distance(fds, std::filesystem::directory_iterator())) - 1;
 }
 
 TempDir::TempDir() {

@@ -91,9 +91,10 @@ int drainLoop(const std::function<void()>& loop = [] { Platform::doEventLoop(); 
   return thrown;
 }
 
-// Each kind of fault from each notification, then from the exception hooks too: every one
-// leaves the loop, none is lost, and afterwards the loop and every control (and the task and
-// the timer task) work as before.
+// Each kind of fault from each notification, a task and a timer task, then from the exception
+// hooks too: every one leaves the loop, none is lost, and afterwards the loop and every control
+// work as before. The task-backed controls and the descriptor tasks, which handle exceptions
+// their own way, follow.
 TEST(FaultInjection, ThrowingHandlersOfEveryKindLeaveTheLoopAndEveryControlUsable) {
   const std::vector<std::function<void()>> faults = {
       [] { throw 7; },
@@ -107,10 +108,8 @@ TEST(FaultInjection, ThrowingHandlersOfEveryKindLeaveTheLoopAndEveryControlUsabl
   auto timer = Platform::getTimerControl(&h);
   auto callback = Platform::getCallbackControl(&h);
   auto root = schedulerRootTarvoNonShared("faults");
-  int taskRuns = 0;
   std::function<void()> taskFault;
   auto task = std::make_shared<FnTask>(root, TaskPriority::normal, "faulty", [&](FnTask&) {
-    ++taskRuns;
     if (taskFault) {
       taskFault();
     }
@@ -129,77 +128,65 @@ TEST(FaultInjection, ThrowingHandlersOfEveryKindLeaveTheLoopAndEveryControlUsabl
   auto timerTask = std::make_shared<FaultyTimer>(root, TaskPriority::high, "faulty-timer");
   h.readControl = fd.get();
   fd->setFd(pair.fd[0]);
+  auto armAll = [&] {
+    pair.put();
+    fd->setReads(true);
+    fd->setWrites(true);
+    timer->setTimeout(0);
+    callback->requestCallback();
+    task->scheduleTask();
+    timerTask->scheduleTaskDelay(1e-6);
+  };
+  auto runCounts = [&] {
+    return std::vector<int>{h.reads,     h.writes,   h.timeouts,
+                            h.callbacks, task->runs, timerTask->runs};
+  };
   int rounds = 0;
   for (bool hookThrows : {false, true}) {
     for (const auto& fault : faults) {
       h.fault = fault;
       h.hookFault = hookThrows ? faults[(++rounds) % faults.size()] : nullptr;
       taskFault = timerTask->fault = fault;
-      pair.put();
-      fd->setReads(true);
-      fd->setWrites(true);
-      timer->setTimeout(0);
-      callback->requestCallback();
-      task->scheduleTask();
-      timerTask->scheduleTaskDelay(1e-6);
+      armAll();
       // Four notifications, a task and a timer task, each throwing once: six exceptions leave
       // the loop, each ending its own loop call.
       EXPECT_EQ(drainLoop(), 6);
       EXPECT_FALSE(timerTask->timerRunning());
     }
   }
-  EXPECT_EQ(h.reads, 8);
-  EXPECT_EQ(h.writes, 8);
-  EXPECT_EQ(h.timeouts, 8);
-  EXPECT_EQ(h.callbacks, 8);
+  EXPECT_EQ(runCounts(), std::vector<int>(6, 8));
   EXPECT_EQ(h.hooks, 32);
-  EXPECT_EQ(taskRuns, 8);
-
-  // Everything works again without a fault.
   h.fault = h.hookFault = taskFault = timerTask->fault = nullptr;
-  pair.put();
-  fd->setReads(true);
-  fd->setWrites(true);
-  timer->setTimeout(0);
-  callback->requestCallback();
-  task->scheduleTask();
-  timerTask->scheduleTaskDelay(1e-6);
+  armAll();
   EXPECT_EQ(drainLoop(), 0);
-  EXPECT_EQ(h.reads, 9);
-  EXPECT_EQ(h.writes, 9);
-  EXPECT_EQ(h.timeouts, 9);
-  EXPECT_EQ(h.callbacks, 9);
-  EXPECT_EQ(taskRuns, 9);
-  EXPECT_EQ(timerTask->runs, 9);
+  EXPECT_EQ(runCounts(), std::vector<int>(6, 9));
   EXPECT_EQ(root->runnableTaskCount(), 0);
-}
 
-// An inner task of a group and a descriptor task's hook that throw: each exception leaves the
-// loop; the group goes on with its other tasks and runs the thrower again when asked, the loop
-// and another descriptor task keep working. (A descriptor task whose hook threw stays unusable
-// by design: its later runs throw "Executing task already set".)
-TEST(FaultInjection, ThrowingGroupTasksAndDescriptorHooksLeaveTheRestWorking) {
-  auto root = schedulerRootTarvoNonShared("faults");
-  auto group = TaskGroupIs("g", TaskPriority::normal, true, root);
-  std::string log;
-  bool fail = true;
-  auto thrower = std::make_shared<FnTask>(group, TaskPriority::normal, "thrower", [&](FnTask&) {
-    log += 'T';
-    if (fail) {
-      throw std::runtime_error("inner");
-    }
-  });
-  auto other =
-      std::make_shared<FnTask>(group, TaskPriority::normal, "other", [&](FnTask&) { log += 'O'; });
-  thrower->scheduleTask();
-  other->scheduleTask();
-  EXPECT_EQ(drainLoop(), 1);
-  EXPECT_EQ(log, "TO");
-  fail = false;
-  thrower->scheduleTask();
-  EXPECT_EQ(drainLoop(), 0);
-  EXPECT_EQ(log, "TOT");
+  // The task-backed controls do not ask the hooks: a throwing timer or callback handler leaves
+  // the loop and fires again when asked; a descriptor handler whose hook swallows its
+  // exceptions keeps being told about readiness.
+  struct Swallowing : Faulty {
+    bool handleFdException(int) override { return ++hooks, true; }
+  } backed;
+  backed.fault = [] { throw std::runtime_error("task-backed"); };
+  SocketPair backedPair;
+  auto backedTimer = Platform::getTimerControl(&backed, root, TaskPriority::normal, "timer");
+  auto backedCallback = Platform::getCallbackControl(&backed, root, TaskPriority::normal, "cb");
+  auto backedFd = Platform::getFdControl(&backed, root, TaskPriority::normal, "fd");
+  backed.readControl = backedFd.get();
+  for (int round = 1; round <= 3; ++round) {
+    backedTimer->setTimeout(0);
+    backedCallback->requestCallback();
+    backedPair.put();
+    backedFd->setReads(true);
+    backedFd->setFd(backedPair.fd[0]);
+    EXPECT_EQ(drainLoop(), 2);
+    EXPECT_EQ(std::vector<int>({backed.timeouts, backed.callbacks, backed.reads, backed.hooks}),
+              std::vector<int>(4, round));
+  }
 
+  // A descriptor task whose hook threw stays unusable by design (its later runs throw
+  // "Executing task already set"); another one beside it keeps working.
   SocketPair broken, working;
   auto bad = std::make_shared<FnFdTask>(root, "bad", [](FnFdTask&) { throw 7; });
   auto good = std::make_shared<FnFdTask>(root, "good", [](FnFdTask& t) { drain(t.taskWatchFd()); });
@@ -221,41 +208,6 @@ TEST(FaultInjection, ThrowingGroupTasksAndDescriptorHooksLeaveTheRestWorking) {
   EXPECT_TRUE(passesUntil([&] { return good->reads == 2; }));
   EXPECT_EQ(bad->reads, 1);
   EXPECT_EQ(root->runnableTaskCount(), 0);
-}
-
-// The task-backed controls: a throwing timer or callback handler leaves the loop and its
-// control fires again when asked; a descriptor handler whose hook swallows its exceptions keeps
-// being told about readiness.
-TEST(FaultInjection, TaskBackedControlsSurviveTheirHandlersThrowing) {
-  auto root = schedulerRootTarvoNonShared("faults");
-  Faulty h;
-  h.fault = [] { throw std::runtime_error("task-backed"); };
-  auto timer = Platform::getTimerControl(&h, root, TaskPriority::normal, "timer");
-  auto callback = Platform::getCallbackControl(&h, root, TaskPriority::normal, "callback");
-  for (int round = 1; round <= 3; ++round) {
-    timer->setTimeout(0);
-    callback->requestCallback();
-    EXPECT_EQ(drainLoop(), 2);
-    EXPECT_EQ(h.timeouts, round);
-    EXPECT_EQ(h.callbacks, round);
-  }
-  EXPECT_EQ(h.hooks, 0);  // these controls do not ask the hooks
-
-  struct Swallowing : Faulty {
-    bool handleFdException(int) override { return ++hooks, true; }
-  } reader;
-  reader.fault = h.fault;
-  SocketPair pair;
-  auto fd = Platform::getFdControl(&reader, root, TaskPriority::normal, "fd");
-  reader.readControl = fd.get();
-  for (int round = 1; round <= 3; ++round) {
-    pair.put();
-    fd->setReads(true);
-    fd->setFd(pair.fd[0]);
-    EXPECT_EQ(drainLoop(), 0);
-    EXPECT_EQ(reader.reads, round);
-    EXPECT_EQ(reader.hooks, round);
-  }
 }
 
 // A notification that destroys its own control and whose exception hook then throws: the
@@ -305,9 +257,7 @@ TEST(FaultInjection, DescriptorExhaustionGivesClearErrorsAndLeavesNothingHalfBui
       for (int fd; (fd = ::eventfd(0, EFD_CLOEXEC)) >= 0;) {
         taken.push_back(fd);
       }
-      struct Noop : Platform::TimeoutHandler {
-        void timeout() override {}
-      } noop;
+      Faulty timed;
       auto describe = [&](const char* what, auto call) {
         try {
           call();
@@ -317,7 +267,7 @@ TEST(FaultInjection, DescriptorExhaustionGivesClearErrorsAndLeavesNothingHalfBui
           out << what << ":" << text.substr(0, text.find('\n')) << "|";
         }
       };
-      describe("timer", [&] { Platform::getTimerControl(&noop); });
+      describe("timer", [&] { Platform::getTimerControl(&timed); });
       describe("root", [&] { schedulerRootTarvoNonShared("starved"); });
       describe("bind", [&] { Util::createAndBindSocket(nullptr, "tarvo-fault-starved"); });
       int sv[2];
@@ -329,17 +279,11 @@ TEST(FaultInjection, DescriptorExhaustionGivesClearErrorsAndLeavesNothingHalfBui
       out << " fds:" << (openFdCount() - before);
       out << " root:" << (schedulerRootTarvoIfExists() == nullptr);
       // With descriptors back, the same calls work on the same thread.
-      int fired = 0;
-      struct Counter : Platform::TimeoutHandler {
-        int* n;
-        void timeout() override { ++*n; }
-      } counter;
-      counter.n = &fired;
-      auto timer = Platform::getTimerControl(&counter);
+      auto timer = Platform::getTimerControl(&timed);
       timer->setTimeout(0);
       Platform::doEventLoop();
       int sd = Util::createAndBindSocket(nullptr, "tarvo-fault-starved");
-      out << " after:" << fired << (sd >= 0);
+      out << " after:" << timed.timeouts << (sd >= 0);
       ::close(sd);
     }).join();
     std::cout << out.str();
@@ -350,7 +294,10 @@ TEST(FaultInjection, DescriptorExhaustionGivesClearErrorsAndLeavesNothingHalfBui
                                    "many open files\")|"));
   EXPECT_THAT(child.out, HasSubstr("root:Tarvo::RuntimeException(\"event_base_new failed: Too "
                                    "many open files\")|"));
-  EXPECT_THAT(child.out, HasSubstr("socket() failed: Too many open files\")|"));
+  EXPECT_THAT(child.out, HasSubstr("bind:Tarvo::AssertException(\"Util:createAndBindSocket:"));
+  EXPECT_THAT(
+      child.out,
+      HasSubstr(" WriterLock::createAndBindSocket() socket() failed: Too many open files\")|"));
   EXPECT_THAT(child.out, HasSubstr("socketpair:-11 fds:0 root:1 after:11"));
 }
 
@@ -359,39 +306,32 @@ TEST(FaultInjection, DescriptorExhaustionGivesClearErrorsAndLeavesNothingHalfBui
 TEST(FaultInjection, ForkWithArmedTimersAndQueuedTasksLeavesBothSidesWhole) {
   Platform::setFastForward(true);
   const std::shared_ptr<void> modeOff(nullptr, [](void*) { Platform::setFastForward(false); });
-  struct Log : Platform::TimeoutHandler {
-    std::string text;
-    char mark = 'a';
-    void timeout() override { text += mark; }
-  };
-  Log first, second;
-  second.mark = 'b';
+  std::string log;
+  Faulty first, second;
+  first.fault = [&] { log += 'a'; };
+  second.fault = [&] { log += 'b'; };
   auto t1 = Platform::getTimerControl(&first);
   auto t2 = Platform::getTimerControl(&second);
   t1->setTimeout(30);
   t2->setTimeout(60);
   auto root = schedulerRootTarvoNonShared("fork");
-  std::string runs;
-  auto taskA =
-      std::make_shared<FnTask>(root, TaskPriority::high, "A", [&](FnTask&) { runs += 'A'; });
-  auto taskB =
-      std::make_shared<FnTask>(root, TaskPriority::low, "B", [&](FnTask&) { runs += 'B'; });
+  auto taskA = loggingTask(root, TaskPriority::high, "A", log);
+  auto taskB = loggingTask(root, TaskPriority::low, "B", log);
   taskA->scheduleTask();
   taskB->scheduleTask();
 
   ChildResult child = runInChild([&] {
     Platform::doEventLoop();
-    std::cout << first.text << second.text << runs << root->runnableTaskCount();
+    std::cout << log << root->runnableTaskCount();
     return 0;
   });
   EXPECT_EQ(child.exitCode, 0) << child.err;
-  EXPECT_EQ(child.out, "abAB0");
-
-  EXPECT_EQ(first.text + second.text + runs, "");
+  EXPECT_EQ(child.out, "ABab0");
+  EXPECT_EQ(log, "");
   EXPECT_GT(t1->remainingTimeout(), 20);
   EXPECT_EQ(root->runnableTaskCount(), 2);
   Platform::doEventLoop();
-  EXPECT_EQ(first.text + second.text + runs, "abAB");
+  EXPECT_EQ(log, "ABab");
   EXPECT_EQ(root->runnableTaskCount(), 0);
 }
 

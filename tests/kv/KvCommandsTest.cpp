@@ -28,85 +28,29 @@ class KvCommandsTest : public ::testing::Test {
   KvCommands::After last_ = KvCommands::After::proceed;
 };
 
-// Replies recorded from redis-server 7.0 for the same commands, in the same order.
+// Replies recorded from redis-server 7.0 for what the differential test against a live server
+// (KvDifferentialAgainstRedis, which checks every other reply path of the commands) does not
+// check: it sends no empty echo, no line ends or long texts in unknown commands, no SET GET of a
+// missing key, no EXPIRE XX of a key without a time to live and no COMMAND DOCS; it reads replies
+// through redis-cli, which shows a null bulk and a null array alike, and it cannot reach the INFO
+// section this fixture writes.
 TEST_F(KvCommandsTest, RepliesMatchTheReferenceServerByteForByte) {
   const std::vector<std::pair<Words, std::string>> script = {
-      {{"PING"}, "+PONG\r\n"},
-      {{"ping", "hi"}, "$2\r\nhi\r\n"},
-      {{"PING", "a", "b"}, "-ERR wrong number of arguments for 'ping' command\r\n"},
-      {{"ECHO"}, "-ERR wrong number of arguments for 'echo' command\r\n"},
       {{"echo", ""}, "$0\r\n\r\n"},
-      {{"GET", "a", "b"}, "-ERR wrong number of arguments for 'get' command\r\n"},
-      {{"SET", "k"}, "-ERR wrong number of arguments for 'set' command\r\n"},
-      {{"foo"}, "-ERR unknown command 'foo', with args beginning with: \r\n"},
       {{"FOO", "a'b", "c"}, "-ERR unknown command 'FOO', with args beginning with: 'a'b' 'c' \r\n"},
       {{"a\r\nb", "x\ny"}, "-ERR unknown command 'a  b', with args beginning with: 'x y' \r\n"},
+      // The name and the arguments are each cut at 128 bytes, the arguments all together.
+      {{std::string(200, 'n'), std::string(200, 'x'), "y"},
+       "-ERR unknown command '" + std::string(128, 'n') + "', with args beginning with: '" +
+           std::string(128, 'x') + "' \r\n"},
+      {{"foo", std::string(120, 'a'), "bcdefghijkl", "m"},
+       "-ERR unknown command 'foo', with args beginning with: '" + std::string(120, 'a') +
+           "' 'bcdef' \r\n"},
       {{"SET", "k", "v"}, "+OK\r\n"},
-      {{"SET", "k", "v", "EX", "0"}, "-ERR invalid expire time in 'set' command\r\n"},
-      {{"SET", "k", "v", "PX", "-1"}, "-ERR invalid expire time in 'set' command\r\n"},
-      {{"SET", "k", "v", "EX", "abc"}, "-ERR value is not an integer or out of range\r\n"},
-      {{"SET", "k", "v", "EX"}, "-ERR syntax error\r\n"},
-      {{"SET", "k", "v", "PX", "1", "EX", "1"}, "-ERR syntax error\r\n"},
-      {{"SET", "k", "v", "NX", "XX"}, "-ERR syntax error\r\n"},
-      {{"SET", "k", "v", "EX", "10", "KEEPTTL"}, "-ERR syntax error\r\n"},
-      {{"SET", "k", "v", "foo"}, "-ERR syntax error\r\n"},
-      {{"SET", "k", "v", "EX", "9223372036854775807"},
-       "-ERR invalid expire time in 'set' command\r\n"},
-      {{"SET", "k", "v", "EX", "9223372036854775"},
-       "-ERR invalid expire time in 'set' command\r\n"},
       {{"SET", "k", "v", "NX"}, "$-1\r\n"},
-      {{"SET", "k2", "v", "XX"}, "$-1\r\n"},
-      {{"SET", "k", "v2", "nx", "GET"}, "$1\r\nv\r\n"},
-      {{"SET", "k", "v3", "GET"}, "$1\r\nv\r\n"},
       {{"SET", "k3", "v", "get"}, "$-1\r\n"},
-      {{"GET", "k"}, "$2\r\nv3\r\n"},
-      {{"SET", "n", "10"}, "+OK\r\n"},
-      {{"INCR", "n"}, ":11\r\n"},
-      {{"incrby", "n", "-5"}, ":6\r\n"},
-      {{"DECR", "n"}, ":5\r\n"},
-      {{"DECRBY", "n", "-5"}, ":10\r\n"},
-      {{"INCRBY", "n", "+1"}, "-ERR value is not an integer or out of range\r\n"},
-      {{"INCR", "k"}, "-ERR value is not an integer or out of range\r\n"},
-      {{"SET", "big", "9223372036854775807"}, "+OK\r\n"},
-      {{"INCR", "big"}, "-ERR increment or decrement would overflow\r\n"},
-      {{"DECRBY", "big", "-9223372036854775808"}, "-ERR decrement would overflow\r\n"},
-      {{"SET", "z", " 1"}, "+OK\r\n"},
-      {{"INCR", "z"}, "-ERR value is not an integer or out of range\r\n"},
-      {{"DECRBY", "fresh", "3"}, ":-3\r\n"},
-      {{"DEL", "k", "n", "nokey"}, ":2\r\n"},
-      {{"EXISTS", "big", "big", "nokey"}, ":2\r\n"},
-      {{"DEL"}, "-ERR wrong number of arguments for 'del' command\r\n"},
-      {{"DBSIZE"}, ":4\r\n"},
-      {{"DBSIZE", "x"}, "-ERR wrong number of arguments for 'dbsize' command\r\n"},
-      {{"EXPIRE", "nokey", "10"}, ":0\r\n"},
-      {{"EXPIRE", "big", "abc"}, "-ERR value is not an integer or out of range\r\n"},
-      {{"EXPIRE", "big", "9223372036854775"}, "-ERR invalid expire time in 'expire' command\r\n"},
-      {{"PEXPIRE", "big", "9223372036854775807"},
-       "-ERR invalid expire time in 'pexpire' command\r\n"},
-      {{"EXPIRE", "big", "5", "NX", "XX"},
-       "-ERR NX and XX, GT or LT options at the same time are not compatible\r\n"},
-      {{"EXPIRE", "big", "5", "GT", "LT"},
-       "-ERR GT and LT options at the same time are not compatible\r\n"},
-      {{"EXPIRE", "big", "5", "Foo"}, "-ERR Unsupported option Foo\r\n"},
-      {{"EXPIRE", "big", "100", "XX"}, ":0\r\n"},
-      {{"EXPIRE", "big", "100", "GT"}, ":0\r\n"},
-      {{"EXPIRE", "big", "100", "nx"}, ":1\r\n"},
-      {{"EXPIRE", "big", "100", "NX"}, ":0\r\n"},
-      {{"EXPIRE", "big", "50", "GT"}, ":0\r\n"},
-      {{"EXPIRE", "big", "500", "GT"}, ":1\r\n"},
-      {{"EXPIRE", "big", "600", "LT"}, ":0\r\n"},
-      {{"TTL", "big"}, ":500\r\n"},
-      {{"PTTL", "big"}, ":500000\r\n"},
-      {{"TTL", "nokey"}, ":-2\r\n"},
-      {{"TTL", "z"}, ":-1\r\n"},
-      {{"EXPIRE", "z", "-5"}, ":1\r\n"},
-      {{"EXISTS", "z"}, ":0\r\n"},
-      {{"FLUSHALL", "x"}, "-ERR syntax error\r\n"},
-      {{"FLUSHALL", "SYNC", "ASYNC"}, "-ERR syntax error\r\n"},
-      {{"COMMAND", "FOO"}, "-ERR unknown subcommand 'FOO'. Try COMMAND HELP.\r\n"},
+      {{"EXPIRE", "k", "100", "XX"}, ":0\r\n"},
       {{"COMMAND", "DOCS"}, "*0\r\n"},
-      {{"FLUSHALL", "async"}, "+OK\r\n"},
-      {{"DBSIZE"}, ":0\r\n"},
       {{"INFO", "nosuch"}, "$0\r\n\r\n"},
       {{"INFO", "SERVER"}, "$21\r\n# Server\r\nname:test\r\n\r\n"},
   };
@@ -119,17 +63,6 @@ TEST_F(KvCommandsTest, RepliesMatchTheReferenceServerByteForByte) {
   EXPECT_EQ(last_, KvCommands::After::closeAfterReply);
   EXPECT_EQ(run({"Host:", "x"}), "");
   EXPECT_EQ(last_, KvCommands::After::dropConnection);
-}
-
-TEST_F(KvCommandsTest, UnknownCommandTextIsCutAt128Bytes) {
-  std::string name(200, 'n');
-  std::string arg(200, 'x');
-  EXPECT_EQ(run({name, arg, "y"}), "-ERR unknown command '" + std::string(128, 'n') +
-                                       "', with args beginning with: '" + std::string(128, 'x') +
-                                       "' \r\n");
-  EXPECT_EQ(run({"foo", std::string(120, 'a'), "bcdefghijkl", "m"}),
-            "-ERR unknown command 'foo', with args beginning with: '" + std::string(120, 'a') +
-                "' 'bcdef' \r\n");
 }
 
 TEST_F(KvCommandsTest, KeysExpireLazilyAndActivelyAndKeepTheirTtlWhereRedisDoes) {

@@ -31,6 +31,7 @@ namespace Tarvo {
 namespace {
 
 using Test::FnTask;
+using Test::FnTimer;
 
 TEST(NoAllocationTest, ScheduleUnschedulePickRunAndHistoryInsertAllocateNothing) {
   auto root = std::make_shared<TaskSchedulerRootManual>("root");
@@ -59,15 +60,9 @@ TEST(NoAllocationTest, ScheduleUnschedulePickRunAndHistoryInsertAllocateNothing)
   EXPECT_GT(allocations.load() - before, 0u);
 }
 
-struct IdleTimer : TimerTask {
-  explicit IdleTimer(std::shared_ptr<TaskScheduler> root)
-      : TimerTask(std::move(root), TaskPriority::normal, "timer") {}
-  void taskExecute() override {}
-};
-
 TEST(NoAllocationTest, ArmingAndStoppingATimerTaskOnTheEventLoopRootAllocateNothing) {
   auto root = schedulerRootTarvoNonShared("loop");
-  auto timer = std::make_shared<IdleTimer>(root);
+  auto timer = std::make_shared<FnTimer>(root, "timer");
   timer->scheduleTaskDelay(1.0);
   uint64_t before = allocations.load();
   for (int round = 0; round < 100; ++round) {

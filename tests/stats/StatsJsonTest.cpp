@@ -2,6 +2,8 @@
 
 #include <chrono>
 #include <cstdio>
+#include <iomanip>
+#include <locale>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -75,7 +77,7 @@ void expectTableMatches(const std::vector<std::string>& lines, const std::string
   }
 }
 
-TEST(StatsJsonTest, SameFiguresAsTheTextReportOverTheWholeTree) {
+TEST(StatsJsonTest, SameFiguresAsTheTextReportOverTheWholeTreeWhateverTheStream) {
   auto root = std::make_shared<TaskSchedulerRootManual>("root");
   auto group = TaskGroupIs("group", TaskPriority::low, true, root);
   auto worker = std::make_shared<FnTask>(root, TaskPriority::high, "wor\"ker", [](FnTask& t) {
@@ -103,7 +105,7 @@ TEST(StatsJsonTest, SameFiguresAsTheTextReportOverTheWholeTree) {
   idle->scheduleTask();  // queued, never run
 
   std::ostringstream text, jsonText;
-  root->printStats(text, true, false, statsNoLimit, statsNoLimit, 0);
+  root->printStats(text, true, false, statsNoLimit, statsNoLimit, 3);
   root->writeStatsJson(jsonText);
   json stats = json::parse(jsonText.str());
   std::vector<std::string> lines;
@@ -151,6 +153,37 @@ TEST(StatsJsonTest, SameFiguresAsTheTextReportOverTheWholeTree) {
   EXPECT_EQ(stats["deadTasks"][0]["deadCount"], 3);
   EXPECT_EQ(stats["deadTasks"][0]["workCountMax"], nullptr);
   EXPECT_EQ(stats["skippedTasks"], 0);
+
+  // The root's report ends with its own history, not with the line pointing to the root.
+  const std::string report = text.str();
+  EXPECT_EQ(report.find("non root"), std::string::npos);
+  const size_t historyAt = report.find("\n\nLast 3 scheduler events,");
+  ASSERT_NE(historyAt, std::string::npos);
+  EXPECT_LT(report.find("TaskName (Dead tasks)"), historyAt);
+  EXPECT_TRUE(report.ends_with("Truncated due to requested limit\n\n")) << report;
+
+  // Neither the caller's stream format and locale nor a program-wide locale with other
+  // separators changes the text; the caller's format is given back and its width used up.
+  struct Separators : std::numpunct<char> {
+    char do_decimal_point() const override { return ','; }
+    char do_thousands_sep() const override { return '.'; }
+    std::string do_grouping() const override { return "\3"; }
+  };
+  std::ostringstream messy;
+  messy.imbue(std::locale(std::locale::classic(), new Separators));
+  messy << std::hex << std::showbase << std::uppercase << std::left << std::setfill('*')
+        << std::setprecision(2) << std::setw(40);
+  const auto flags = messy.flags();
+  const std::locale previous =
+      std::locale::global(std::locale(std::locale::classic(), new Separators));
+  root->printStats(messy, true, false, statsNoLimit, statsNoLimit, 3);
+  std::locale::global(previous);
+  EXPECT_EQ(messy.str(), report);
+  EXPECT_EQ(messy.flags(), flags);
+  EXPECT_EQ(messy.fill(), '*');
+  EXPECT_EQ(messy.precision(), 2);
+  EXPECT_EQ(messy.width(), 0);
+  EXPECT_TRUE(std::has_facet<Separators>(messy.getloc()));
 
   std::ostringstream ranOnly;
   root->writeStatsJson(ranOnly, false, false);

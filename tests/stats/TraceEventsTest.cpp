@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
-#include <cmath>
+#include <algorithm>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -52,17 +54,13 @@ std::map<int, std::string> threadNames(const json& trace) {
 }
 
 TEST(JsonTextTest, StringsEscapeControlBytesAndReplaceEveryInvalidUtf8Byte) {
-  const std::string tricky = std::string("q\"b\\s/\n\t\r\x01\x1f\x7f", 12) + std::string(1, '\0');
+  const std::string tricky("q\"b\\s/\n\t\r\x01\x1f\x7f\0", 13);
   EXPECT_EQ(json::parse(jsonText(tricky)).get<std::string>(), tricky);
   EXPECT_EQ(jsonText(std::string("\x01\0", 2)), "\"\\u0001\\u0000\"");
   const std::string fffd = "\xef\xbf\xbd";
-  struct Case {
-    std::string in, out;
-  } cases[] = {
+  const std::pair<std::string, std::string> cases[] = {
       {"\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80", "\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80"},  // kept
-      {"a\xff"
-       "b",
-       "a" + fffd + "b"},                               // byte that never occurs
+      {"a\xffz", "a" + fffd + "z"},                     // byte that never occurs
       {"\x80", fffd},                                   // stray continuation
       {"\xc0\xaf", fffd + fffd},                        // overlong '/'
       {"\xe0\x80\xaf", fffd + fffd + fffd},             // overlong three-byte form
@@ -70,159 +68,91 @@ TEST(JsonTextTest, StringsEscapeControlBytesAndReplaceEveryInvalidUtf8Byte) {
       {"\xf4\x90\x80\x80", fffd + fffd + fffd + fffd},  // above U+10FFFF
       {"x\xe2\x82", "x" + fffd + fffd},                 // cut at the end
       {"\xe2\x28\xa1", fffd + "(" + fffd},              // bad second byte
-      {"\xf0\x9f\x98"
-       "A",
-       fffd + fffd + fffd + "A"},  // cut before an ASCII byte
+      {"\xf0\x9f\x98Z", fffd + fffd + fffd + "Z"},      // cut before an ASCII byte
   };
-  for (const Case& c : cases) {
-    std::string text = jsonText(c.in);
-    EXPECT_EQ(json::parse(text).get<std::string>(), c.out) << text;
+  for (const auto& [in, out] : cases) {
+    std::string text = jsonText(in);
+    EXPECT_EQ(json::parse(text).get<std::string>(), out) << text;
   }
 
-  auto us = [](int64_t ns) {
+  for (auto [ns, text] : {std::pair<int64_t, const char*>{0, "0.000"},
+                          {1234567, "1234.567"},
+                          {1000050, "1000.050"},
+                          {-1500, "-1.500"},
+                          {INT64_MIN, "-9223372036854775.808"}}) {
     std::ostringstream os;
     writeMicroseconds(os, ns);
-    return os.str();
-  };
-  EXPECT_EQ(us(0), "0.000");
-  EXPECT_EQ(us(1234567), "1234.567");
-  EXPECT_EQ(us(1000050), "1000.050");
-  EXPECT_EQ(us(-1500), "-1.500");
-  EXPECT_EQ(us(INT64_MIN), "-9223372036854775.808");
+    EXPECT_EQ(os.str(), text);
+  }
 }
 
 TEST(TraceEventsTest, RunsAreCompleteEventsOnTheirSchedulersTracksWhateverTheNames) {
   auto root = std::make_shared<TaskSchedulerRootManual>("root \"main\"");
   auto group = TaskGroupIs("group\\1", TaskPriority::normal, true, root);
-  const std::vector<std::string> names = {"quote\"back\\slash",
-                                          std::string("ctl\x01\n\x1f\0end", 10),
-                                          "caf\xc3\xa9 \xf0\x9f\x98\x80", "bad\xff\xc0\xaf"};
-  std::vector<std::shared_ptr<FnTask>> tasks;
-  for (size_t i = 0; i < names.size(); ++i) {
-    tasks.push_back(
-        std::make_shared<FnTask>(root, i % 2 ? TaskPriority::low : TaskPriority::high, names[i]));
-  }
+  auto first =
+      std::make_shared<FnTask>(root, TaskPriority::high, std::string("q\"b\\s\x01\n\0", 8));
+  auto second = std::make_shared<FnTask>(root, TaskPriority::low, "bad\xff");
   auto inner = std::make_shared<FnTask>(group, TaskPriority::normal, "inner");
-  for (int round = 0; round < 2; ++round) {
-    for (auto& t : tasks) {
-      t->scheduleTask();
-    }
-    inner->scheduleTask();
-    root->runUntilIdle();
-  }
-  tasks[0]->taskSuspendedIs(true);
+  root->clearHistory();
+  TaskSchedulerHistory& history = *root->history();
+  auto at = [](int us) { return TaskTimePoint(std::chrono::microseconds(us)); };
+  history.insert(at(2), Type::runStart, first.get());
+  history.insert(at(5), Type::runEnd, first.get());
+  // A group's runs lie within its parent task's run; each pairs with its own start.
+  history.insert(at(6), Type::runStart, &group->parentTask());
+  history.insert(at(7), Type::runStart, inner.get());
+  history.insert(at(8), Type::runEnd, inner.get());
+  history.insert(at(9), Type::runEnd, &group->parentTask());
+  history.insert(at(10), Type::runStart, second.get());
+  history.insert(at(12), Type::runEnd, second.get());
+  history.insert(at(13), Type::suspendOn, first.get());
+  history.insert(at(14), Type::schedulerIdle, group.get());
 
-  const TaskSchedulerHistory& history = *root->history();
-  ASSERT_LT(history.size(), history.capacity());
-  // Names as the JSON shows them: the invalid bytes of the last one each became U+FFFD.
-  const std::string shownBad = "bad\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd";
-  auto shown = [&](const std::string& raw) { return raw == names[3] ? shownBad : raw; };
-  std::map<std::string, std::vector<double>> starts, ends;
-  unsigned runs = 0;
-  for (unsigned i = 0; i < history.size(); ++i) {
-    const auto& e = history.event(i);
-    if (e.eventType() == Type::runStart) {
-      starts[shown(e.name().str())].push_back(micros(e.timestamp()));
-      ++runs;
-    } else if (e.eventType() == Type::runEnd) {
-      ends[shown(e.name().str())].push_back(micros(e.timestamp()));
-    }
+  // Names are escaped; an invalid UTF-8 byte becomes U+FFFD.
+  std::string expected =
+      R"({"displayTimeUnit":"ns","otherData":{"root":"root \"main\"","historyCapacity":100,)"
+      R"("historyEvents":10},"traceEvents":[)"
+      "\n"
+      R"({"ph":"X","name":"q\"b\\s\u0001\n\u0000","cat":"run","ts":2.000,"pid":PID,"tid":1,)"
+      R"("dur":3.000,"args":{"task":"q\"b\\s\u0001\n\u0000","priority":"high",)"
+      R"("scheduler":"root \"main\""}},)"
+      "\n"
+      R"({"ph":"X","name":"inner","cat":"run","ts":7.000,"pid":PID,"tid":2,"dur":1.000,)"
+      R"("args":{"task":"inner","priority":"normal","scheduler":"group\\1"}},)"
+      "\n"
+      R"({"ph":"X","name":"group\\1;TaskGroup","cat":"run","ts":6.000,"pid":PID,"tid":1,)"
+      R"("dur":3.000,"args":{"task":"group\\1;TaskGroup","priority":"normal",)"
+      R"("scheduler":"root \"main\""}},)"
+      "\n"
+      R"({"ph":"X","name":"bad)"
+      "\xef\xbf\xbd"
+      R"(","cat":"run","ts":10.000,"pid":PID,"tid":1,"dur":2.000,"args":{"task":"bad)"
+      "\xef\xbf\xbd"
+      R"(","priority":"low","scheduler":"root \"main\""}},)"
+      "\n"
+      R"({"ph":"i","name":"suspendOn","cat":"task","ts":13.000,"pid":PID,"tid":1,"s":"t",)"
+      R"("args":{"task":"q\"b\\s\u0001\n\u0000","priority":"high",)"
+      R"("scheduler":"root \"main\""}},)"
+      "\n"
+      R"({"ph":"i","name":"schedulerIdle","cat":"scheduler","ts":14.000,"pid":PID,"tid":2,)"
+      R"("s":"t","args":{"scheduler":"group\\1"}},)"
+      "\n"
+      R"({"ph":"M","name":"process_name","pid":PID,"tid":1,"args":{"name":"root \"main\""}},)"
+      "\n"
+      R"({"ph":"M","name":"thread_name","pid":PID,"tid":1,"args":{"name":"root \"main\""}},)"
+      "\n"
+      R"({"ph":"M","name":"thread_sort_index","pid":PID,"tid":1,"args":{"sort_index":1}},)"
+      "\n"
+      R"({"ph":"M","name":"thread_name","pid":PID,"tid":2,"args":{"name":"group\\1"}},)"
+      "\n"
+      R"({"ph":"M","name":"thread_sort_index","pid":PID,"tid":2,"args":{"sort_index":2}})"
+      "\n]}\n";
+  for (size_t pid = expected.find("PID"); pid != std::string::npos; pid = expected.find("PID")) {
+    expected.replace(pid, 3, std::to_string(getpid()));
   }
-  ASSERT_EQ(runs, 2 * names.size() + 4);
-
-  json trace = traceOf(*root);
-  ASSERT_TRUE(trace["traceEvents"].is_array());
-  EXPECT_EQ(trace["otherData"]["root"], "root \"main\"");
-  std::map<int, std::string> tracks = threadNames(trace);
-  ASSERT_EQ(tracks.size(), 2u);
-  EXPECT_EQ(tracks[1], "root \"main\"");
-  EXPECT_EQ(tracks[2], "group\\1");
-
-  auto near = [](const std::vector<double>& list, double v) {
-    for (double x : list) {
-      if (std::fabs(x - v) < kTolerance) {
-        return true;
-      }
-    }
-    return false;
-  };
-  std::map<std::string, int> seen;
-  std::map<int, std::vector<std::pair<double, double>>> slices;  // per track
-  std::vector<json> parentRuns, innerRuns;
-  unsigned instants = 0, suspends = 0;
-  for (const json& e : trace["traceEvents"]) {
-    ASSERT_TRUE(e["pid"].is_number_integer() && e["tid"].is_number_integer() &&
-                e["name"].is_string())
-        << e;
-    std::string ph = e["ph"];
-    if (ph == "M") {
-      continue;
-    }
-    ASSERT_TRUE(e["ts"].is_number()) << e;
-    if (ph == "i") {
-      ++instants;
-      EXPECT_EQ(e["s"], "t");
-      if (e["name"] == "suspendOn") {
-        ++suspends;
-        EXPECT_EQ(e["args"]["task"], names[0]);
-        EXPECT_EQ(e["args"]["priority"], "high");
-      }
-      continue;
-    }
-    ASSERT_EQ(ph, "X") << e;
-    std::string name = e["name"];
-    double ts = e["ts"], dur = e["dur"];
-    EXPECT_GE(dur, 0.0);
-    EXPECT_EQ(e["args"]["task"], name);
-    EXPECT_TRUE(near(starts[name], ts)) << e;
-    EXPECT_TRUE(near(ends[name], ts + dur)) << e;
-    EXPECT_FALSE(e["args"].contains("note")) << e;
-    ++seen[name];
-    slices[e["tid"].get<int>()].emplace_back(ts, ts + dur);
-    if (name == "inner") {
-      EXPECT_EQ(e["tid"], 2);
-      EXPECT_EQ(e["args"]["scheduler"], "group\\1");
-      EXPECT_EQ(e["args"]["priority"], "normal");
-      innerRuns.push_back(e);
-    } else {
-      EXPECT_EQ(e["tid"], 1);
-      EXPECT_EQ(e["args"]["scheduler"], "root \"main\"");
-    }
-    if (name == "group\\1;TaskGroup") {
-      parentRuns.push_back(e);
-    }
-  }
-  EXPECT_EQ(instants, history.size() - 2 * runs);
-  EXPECT_EQ(suspends, 1u);
-  // Valid names come back byte for byte.
-  EXPECT_EQ(seen[names[0]], 2);
-  EXPECT_EQ(seen[names[1]], 2);
-  EXPECT_EQ(seen[names[2]], 2);
-  EXPECT_EQ(seen[shownBad], 2);
-  // The viewers need the slices of one track to nest or follow one another, never to overlap.
-  for (const auto& [tid, list] : slices) {
-    for (const auto& [s1, e1] : list) {
-      for (const auto& [s2, e2] : list) {
-        bool apart = e1 <= s2 + kTolerance || e2 <= s1 + kTolerance;
-        bool nested = (s1 <= s2 + kTolerance && e2 <= e1 + kTolerance) ||
-                      (s2 <= s1 + kTolerance && e1 <= e2 + kTolerance);
-        EXPECT_TRUE(apart || nested) << "track " << tid;
-      }
-    }
-  }
-  ASSERT_EQ(parentRuns.size(), 2u);
-  ASSERT_EQ(innerRuns.size(), 2u);
-  for (int i = 0; i < 2; ++i) {
-    // Each inner run lies within one of the parent's runs.
-    double innerStart = innerRuns[i]["ts"],
-           innerEnd = innerStart + innerRuns[i]["dur"].get<double>();
-    bool inside = false;
-    for (const json& p : parentRuns) {
-      double ps = p["ts"], pe = ps + p["dur"].get<double>();
-      inside = inside || (ps - kTolerance <= innerStart && innerEnd <= pe + kTolerance);
-    }
-    EXPECT_TRUE(inside) << innerRuns[i];
-  }
+  std::ostringstream os;
+  root->writeTraceEvents(os);
+  EXPECT_EQ(os.str(), expected);
 }
 
 TEST(TraceEventsTest, CutThrownUnfinishedAndVanishedRunsAreMarked) {
@@ -238,15 +168,13 @@ TEST(TraceEventsTest, CutThrownUnfinishedAndVanishedRunsAreMarked) {
   });
   a->scheduleTask();
   root->runUntilIdle();
-  // Keep the history from a's "run end" on: its "run start" falls off the ring.
+  // Keep the history from a's "run end" on (then "idle", "schedulerIdle"): its "run start"
+  // falls off the ring.
   const TaskSchedulerHistory& history = *root->history();
-  unsigned keep = 0;
-  while (history.event(keep).eventType() != Type::runEnd) {
-    ++keep;
-  }
-  ASSERT_EQ(history.event(keep + 1).eventType(), Type::runStart);
-  root->historyEntryCountIs(keep + 1);
-  const double oldest = micros(history.event(keep).timestamp());
+  ASSERT_EQ(history.event(3).eventType(), Type::runStart);
+  root->historyEntryCountIs(3);
+  ASSERT_EQ(history.event(2).eventType(), Type::runEnd);
+  const double oldest = micros(history.event(2).timestamp());
   root->historyEntryCountIs(100);
   {
     auto gone = std::make_shared<FnTask>(root, TaskPriority::low, "gone");
@@ -258,44 +186,37 @@ TEST(TraceEventsTest, CutThrownUnfinishedAndVanishedRunsAreMarked) {
   writer->scheduleTask();
   root->runUntilIdle();
 
+  auto where = [](const json& trace, auto pred) {
+    std::vector<json> found;
+    std::copy_if(trace["traceEvents"].begin(), trace["traceEvents"].end(),
+                 std::back_inserter(found), pred);
+    return found;
+  };
   json trace = traceOf(*root);
-  ASSERT_TRUE(trace["traceEvents"].is_array());
-  bool cut = false, thrown = false, vanished = false;
-  int strayTid = 0;
-  for (const json& e : trace["traceEvents"]) {
-    if (e["ph"] == "X" && e["name"] == "a") {
-      cut = true;
-      EXPECT_EQ(e["args"]["note"], "start not in history");
-      EXPECT_NEAR(e["ts"].get<double>(), oldest, kTolerance);
-    }
-    if (e["ph"] == "i" && e["name"] == "run start") {
-      thrown = true;
-      EXPECT_EQ(e["args"]["task"], "thrower");
-      EXPECT_EQ(e["args"]["note"], "no run end recorded");
-    }
-    if (e["ph"] == "i" && e["args"].contains("task") && e["args"]["task"] == "gone") {
-      vanished = true;
-      strayTid = e["tid"];
-      EXPECT_FALSE(e["args"].contains("scheduler"));
-    }
-    EXPECT_NE(e["name"], "thrower") << "a run that threw has no complete event";
+  auto cut = where(trace, [](const json& e) { return e["name"] == "a"; });
+  ASSERT_EQ(cut.size(), 1u);
+  EXPECT_EQ(cut[0]["ph"], "X");
+  EXPECT_EQ(cut[0]["args"]["note"], "start not in history");
+  EXPECT_NEAR(cut[0]["ts"].get<double>(), oldest, kTolerance);
+  // A run that threw has no complete event, only its start.
+  EXPECT_TRUE(where(trace, [](const json& e) { return e["name"] == "thrower"; }).empty());
+  auto thrown = where(trace, [](const json& e) { return e["name"] == "run start"; });
+  ASSERT_EQ(thrown.size(), 1u);
+  EXPECT_EQ(thrown[0]["ph"], "i");
+  EXPECT_EQ(thrown[0]["args"]["task"], "thrower");
+  EXPECT_EQ(thrown[0]["args"]["note"], "no run end recorded");
+  auto vanished = where(trace, [](const json& e) { return e["args"].value("task", "") == "gone"; });
+  ASSERT_FALSE(vanished.empty());
+  for (const json& e : vanished) {
+    EXPECT_FALSE(e["args"].contains("scheduler")) << e;
+    EXPECT_EQ(threadNames(trace)[e["tid"].get<int>()], "(names no longer in the tree)");
   }
-  EXPECT_TRUE(cut);
-  EXPECT_TRUE(thrown);
-  EXPECT_TRUE(vanished);
-  EXPECT_EQ(threadNames(trace)[strayTid], "(names no longer in the tree)");
 
   // Written from inside a run: that run is open, and says so.
-  json inside = json::parse(fromInside);
-  int open = 0;
-  for (const json& e : inside["traceEvents"]) {
-    if (e["ph"] == "B") {
-      ++open;
-      EXPECT_EQ(e["name"], "writer");
-      EXPECT_EQ(e["args"]["note"], "still running");
-    }
-  }
-  EXPECT_EQ(open, 1);
+  auto open = where(json::parse(fromInside), [](const json& e) { return e["ph"] == "B"; });
+  ASSERT_EQ(open.size(), 1u);
+  EXPECT_EQ(open[0]["name"], "writer");
+  EXPECT_EQ(open[0]["args"]["note"], "still running");
 }
 
 }  // namespace

@@ -38,34 +38,21 @@ __attribute__((noinline)) unsigned captureAtDepth(int depth) {
 }  // namespace
 
 TEST(Exception, ThreadsShareOneWhatTextAndACopyBuildsItsOwn) {
-  std::exception_ptr shared;
   try {
     RuntimeException::throwException("shared");
-  } catch (...) {
-    shared = std::current_exception();
-  }
-  auto textOf = [&shared] {
-    try {
-      std::rethrow_exception(shared);
-    } catch (const Exception& e) {
-      return e.what();
+  } catch (const RuntimeException& e) {
+    const char* texts[4] = {};
+    std::vector<std::thread> threads;
+    for (const char*& text : texts) {
+      threads.emplace_back([&text, &e] { text = e.what(); });
     }
-  };
-  const char* texts[4] = {};
-  std::vector<std::thread> threads;
-  for (const char*& text : texts) {
-    threads.emplace_back([&text, &textOf] { text = textOf(); });
-  }
-  for (std::thread& t : threads) {
-    t.join();
-  }
-  for (const char* text : texts) {
-    EXPECT_EQ(text, texts[0]) << "every thread sees the one published text";
-  }
-  try {
-    std::rethrow_exception(shared);
-  } catch (const Exception& e) {
-    RuntimeException copy = static_cast<const RuntimeException&>(e);
+    for (std::thread& t : threads) {
+      t.join();
+    }
+    for (const char* text : texts) {
+      EXPECT_EQ(text, texts[0]) << "every thread sees the one published text";
+    }
+    RuntimeException copy = e;
     EXPECT_NE(copy.what(), e.what());
     EXPECT_STREQ(copy.what(), e.what());
   }

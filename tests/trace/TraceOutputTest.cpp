@@ -69,7 +69,13 @@ class TraceOutput : public ::testing::Test {
 
 TEST_F(TraceOutput, FieldsFollowTheFixedOrderWhateverTheListOrder) {
   EXPECT_EQ(lineFor("level,handle"), "OutProbe 3 msg 42\n");
-  EXPECT_EQ(lineFor(""), "msg 42\n");
+  // An empty list prints the bare message, composed once and only when its level is on.
+  int composed = 0;
+  Platform::setTraceFormat("");
+  testing::internal::CaptureStderr();
+  TARVO_TRACE(handler_, 4, "off " << ++composed);
+  TARVO_TRACE(*handler_, 3, "on " << ++composed);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "on 1\n");
   // Local calendar date and time; the microseconds print as a plain integer, never padded.
   EXPECT_THAT(lineFor("level,date,time"),
               MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\."
