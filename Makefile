@@ -69,7 +69,7 @@ stress: deps
 # The suppressions cover only libunwind probing memory through write().
 MEMCHECK = valgrind --error-exitcode=1 --leak-check=full --quiet --suppressions=tests/stress/valgrind.supp
 MEMCHECK_COUNT_stress_tasks = 20000
-MEMCHECK_COUNT_stress_timers = 3000
+MEMCHECK_COUNT_stress_timers = 10000
 MEMCHECK_COUNT_stress_sockets = 200
 
 memcheck: build

@@ -476,7 +476,7 @@ TEST(LibeventTrace, LogSeveritiesMapToLevelsAndAssertionsAreThrownNotTraced) {
                   "Called without fast forward enabled\n"));
 }
 
-// A private base whose timers append their index to `fired` when they run.
+// A private base whose events append their index to `fired` when they run.
 struct TimerBase {
   event_base* base = event_base_new();
   std::vector<event*> events;
@@ -484,41 +484,82 @@ struct TimerBase {
 
   TimerBase() { fired.clear(); }
   ~TimerBase() { std::for_each(events.begin(), events.end(), event_free), event_base_free(base); }
-  event* add(const timeval& delay, short flags = 0) {
+  event* add(const timeval* delay, short flags = 0, int fd = -1) {
     auto fire = [](evutil_socket_t, short, void* index) {
       fired.push_back(static_cast<int>(reinterpret_cast<intptr_t>(index)));
     };
-    events.push_back(event_new(base, -1, flags, fire, reinterpret_cast<void*>(events.size())));
-    event_add(events.back(), &delay);
+    events.push_back(event_new(base, fd, flags, fire, reinterpret_cast<void*>(events.size())));
+    event_add(events.back(), delay);
     return events.back();
+  }
+  event* add(const timeval& delay, short flags = 0) { return add(&delay, flags); }
+  void pass() const { event_base_loop(base, EVLOOP_ONCE | EVLOOP_NONBLOCK); }
+  timeval expiry(const event* ev) const {
+    timeval at{};
+    EXPECT_TRUE(event_pending(ev, EV_TIMEOUT, &at));
+    return at;
   }
 };
 
-TEST(EventBaseTimeouts, FirstTimeoutIsTheEarliestAndSubtractionKeepsOrderAndFiresPastTimers) {
-  TimerBase timers;
-  timeval first{};
-  EXPECT_NE(event_base_get_first_timeout(timers.base, &first), 0);  // none pending
-  timers.add({30, 0});
-  event* earliest = timers.add({10, 0});
-  timers.add({20, 0});
-  timers.add({10, 0}, EV_PERSIST);
-  timeval due{};
-  ASSERT_TRUE(event_pending(earliest, EV_TIMEOUT, &due));
-  ASSERT_EQ(event_base_get_first_timeout(timers.base, &first), 0);
-  EXPECT_DOUBLE_EQ(seconds(first), seconds(due));
-  ASSERT_EQ(subtract(timers.base, {25, 500000}), 0);
-  ASSERT_EQ(event_base_get_first_timeout(timers.base, &first), 0);
-  EXPECT_NEAR(seconds(first), seconds(due) - 25.5, 0.01);
-  // Moving a persistent timed event would change its period for good, so it stays: the last
-  // timer does not run.
-  event_base_loop(timers.base, EVLOOP_ONCE | EVLOOP_NONBLOCK);
-  EXPECT_EQ(timers.fired, Counts({1, 2}));
-  ASSERT_EQ(subtract(timers.base, {5, 0}), 0);
-  event_base_loop(timers.base, EVLOOP_ONCE | EVLOOP_NONBLOCK);
-  EXPECT_EQ(timers.fired, Counts({1, 2, 0}));
+// Both implementations of the two operations: in place on libevent 2.1's bookkeeping (what
+// the library uses here), and through re-adding each timer (what it uses elsewhere).
+struct TimeoutOps {
+  const char* name;
+  int (*first)(event_base*, timeval*);
+  int (*subtract)(event_base*, const timeval*);
+  friend void PrintTo(const TimeoutOps& ops, std::ostream* os) { *os << ops.name; }
+};
+class EventBaseTimeouts : public ::testing::TestWithParam<TimeoutOps> {
+ protected:
+  int first(event_base* base, timeval* out) { return GetParam().first(base, out); }
+  int subtract(event_base* base, const timeval& offset) {
+    return GetParam().subtract(base, &offset);
+  }
+};
+INSTANTIATE_TEST_SUITE_P(
+    , EventBaseTimeouts,
+    ::testing::Values(TimeoutOps{"InPlace", tarvo_event_base_first_timeout_in_place,
+                                 tarvo_event_base_subtract_in_place},
+                      TimeoutOps{"ByReAdding", tarvo_event_base_first_timeout_by_walk,
+                                 tarvo_event_base_subtract_by_rearm}),
+    [](const auto& info) { return std::string(info.param.name); });
 
-  // Re-arming thousands of timers takes long enough for libevent's coarse clock to tick in
-  // between; timers a microsecond apart must still keep their order.
+// A descriptor event with a timeout sits in the same timer heap as the plain timers but is
+// found through the descriptor map: it must be both found as the earliest and moved.
+TEST_P(EventBaseTimeouts, EarliestIsFoundAndEveryTimerMovesWithADescriptorTimeoutAmongThem) {
+  TimerBase timers;
+  timeval at{};
+  EXPECT_NE(first(timers.base, &at), 0);  // none pending
+  Sockets sockets;                        // never readable: only its timeout fires
+  timers.add({30, 0});
+  event* ten = timers.add({10, 0});
+  timers.add({20, 0});
+  const timeval five{5, 0};
+  event* fd = timers.add(&five, EV_READ, sockets.in());
+  const timeval forty{40, 0};  // found first in the descriptor map, but not the earliest
+  event* fdLate = timers.add(&forty, EV_READ, sockets.in());
+  ASSERT_EQ(first(timers.base, &at), 0);
+  EXPECT_EQ(seconds(at), seconds(timers.expiry(fd)));
+  const double fdDue = seconds(at);
+  ASSERT_EQ(subtract(timers.base, {7, 0}), 0);
+  ASSERT_EQ(first(timers.base, &at), 0);
+  EXPECT_NEAR(seconds(at), fdDue - 7, 0.01);
+  timers.pass();
+  EXPECT_EQ(timers.fired, Counts({3}));
+  ASSERT_EQ(first(timers.base, &at), 0);
+  EXPECT_EQ(seconds(at), seconds(timers.expiry(ten)));
+  ASSERT_EQ(subtract(timers.base, {15, 500000}), 0);  // 22.5 s in all: two are past due
+  timers.pass();
+  EXPECT_EQ(timers.fired, Counts({3, 1, 2}));
+  ASSERT_EQ(subtract(timers.base, {7, 600000}), 0);
+  timers.pass();
+  EXPECT_EQ(timers.fired, Counts({3, 1, 2, 0}));
+  ASSERT_EQ(first(timers.base, &at), 0);
+  EXPECT_EQ(seconds(at), seconds(timers.expiry(fdLate)));
+
+  // Thousands of timers a microsecond apart, moved again and again: re-adding them takes long
+  // enough for libevent's coarse clock to tick in between, and any timer that the move misses
+  // or moves twice lands out of order.
   TimerBase many;
   for (int i = 0; i < 20000; ++i) {
     many.add({100, i});
@@ -529,6 +570,52 @@ TEST(EventBaseTimeouts, FirstTimeoutIsTheEarliestAndSubtractionKeepsOrderAndFire
   event_base_dispatch(many.base);
   ASSERT_EQ(many.fired.size(), 20000u);
   EXPECT_TRUE(std::is_sorted(many.fired.begin(), many.fired.end()));
+}
+
+// What only the in-place move can do: a persistent timer fires sooner once and keeps its
+// period, and events on a common-timeout queue move together with the queue's own timer.
+TEST(EventBaseTimeoutsInPlace, PersistentTimersKeepTheirPeriodAndCommonTimeoutQueuesMove) {
+  TimerBase timers;
+  timers.add({30, 0});
+  event* periodic = timers.add({14, 0}, EV_PERSIST);
+  timers.add({20, 0});
+  const timeval past25{25, 500000};
+  ASSERT_EQ(tarvo_event_base_subtract_in_place(timers.base, &past25), 0);
+  timers.pass();  // virtual 25.5 s: the periodic one at 14, then the one at 20
+  EXPECT_EQ(timers.fired, Counts({1, 2}));
+  const timeval five{5, 0};
+  ASSERT_EQ(tarvo_event_base_subtract_in_place(timers.base, &five), 0);
+  timers.pass();  // virtual 30.5 s: the periodic one again at 28, then the one at 30
+  EXPECT_EQ(timers.fired, Counts({1, 2, 1, 0}));
+  timeval now{};
+  ASSERT_EQ(tarvo_event_base_now(timers.base, &now), 0);
+  // Next at 42 s; the margin is for the real time the test has taken since arming.
+  EXPECT_NEAR(seconds(timers.expiry(periodic)) - seconds(now), 11.5, 0.25);
+
+  TimerBase common;
+  const timeval ten{10, 0};
+  const timeval* queue = event_base_init_common_timeout(common.base, &ten);
+  ASSERT_NE(queue, nullptr);
+  common.add({12, 0});
+  common.add(queue), common.add(queue), common.add(queue);
+  common.add({5, 0});
+  timeval at{};
+  ASSERT_EQ(tarvo_event_base_first_timeout_in_place(common.base, &at), 0);
+  EXPECT_EQ(seconds(at), seconds(common.expiry(common.events[4])));
+  const timeval past10{10, 500000};
+  ASSERT_EQ(tarvo_event_base_subtract_in_place(common.base, &past10), 0);
+  common.pass();
+  EXPECT_EQ(common.fired, Counts({4, 1, 2, 3}));
+  ASSERT_EQ(tarvo_event_base_first_timeout_in_place(common.base, &at), 0);
+  ASSERT_EQ(tarvo_event_base_now(common.base, &now), 0);
+  EXPECT_NEAR(seconds(at) - seconds(now), 1.5, 0.25);
+  common.add(queue);  // queued behind the moved ones, due 10 s from now
+  ASSERT_EQ(tarvo_event_base_subtract_in_place(common.base, &five), 0);
+  common.pass();
+  EXPECT_EQ(common.fired, Counts({4, 1, 2, 3, 0}));
+  ASSERT_EQ(tarvo_event_base_subtract_in_place(common.base, &five), 0);
+  common.pass();
+  EXPECT_EQ(common.fired, Counts({4, 1, 2, 3, 0, 5}));
 }
 
 }  // namespace
