@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <string>
 
+#include "../common/AbortingCheck.h"
 #include "Tarvo/Debug.h"
 
 namespace Tarvo::Fuzz {
@@ -19,16 +20,6 @@ inline Platform::DebugHandler& quietHandler() {
   return *handler;
 }
 
-// Ends the run with a message when a property of a parser's answer does not hold; libFuzzer
-// keeps the input that led here.
-#define FUZZ_CHECK(condition)                                                            \
-  do {                                                                                   \
-    if (!(condition)) {                                                                  \
-      std::fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #condition); \
-      std::abort();                                                                      \
-    }                                                                                    \
-  } while (0)
-
 // A fresh directory for targets that go through the file system, removed with its content at
 // exit. On /dev/shm when there is one: a disk-backed /tmp slows such targets tenfold.
 inline const std::string& scratchDirectory() {
@@ -36,7 +27,7 @@ inline const std::string& scratchDirectory() {
   static const std::string* const path = [] {
     std::string pattern = ::access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
     pattern += "/tarvo-fuzz-XXXXXX";
-    FUZZ_CHECK(::mkdtemp(pattern.data()) != nullptr);
+    TARVO_CHECK(::mkdtemp(pattern.data()) != nullptr);
     auto* made = new std::string(pattern);
     std::atexit([] { std::filesystem::remove_all(scratchDirectory()); });
     return made;

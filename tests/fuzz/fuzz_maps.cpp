@@ -37,10 +37,10 @@ void checkRoundTrip(FuzzedDataProvider& in) {
                 want.end, want.perms.c_str(), want.offset, want.major, want.minor, want.inode);
   std::string line = std::string(fixed) + (want.path.empty() ? "" : "    " + want.path);
   Tarvo::MappingInfo got;
-  FUZZ_CHECK(Tarvo::MappingInfo::parse(line, got));
-  FUZZ_CHECK(got.start == want.start && got.end == want.end && got.perms == want.perms);
-  FUZZ_CHECK(got.offset == want.offset && got.major == want.major && got.minor == want.minor);
-  FUZZ_CHECK(got.inode == want.inode && got.path == want.path);
+  TARVO_CHECK(Tarvo::MappingInfo::parse(line, got));
+  TARVO_CHECK(got.start == want.start && got.end == want.end && got.perms == want.perms);
+  TARVO_CHECK(got.offset == want.offset && got.major == want.major && got.minor == want.minor);
+  TARVO_CHECK(got.inode == want.inode && got.path == want.path);
 }
 
 }  // namespace
@@ -49,12 +49,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string text(reinterpret_cast<const char*>(data), size);
   Tarvo::MappingInfo info;
   if (Tarvo::MappingInfo::parse(text, info)) {
-    FUZZ_CHECK(info.perms.size() <= 7);
-    FUZZ_CHECK(info.path.find('\n') == std::string::npos);
+    TARVO_CHECK(info.perms.size() <= 7);
+    TARVO_CHECK(info.path.find('\n') == std::string::npos);
   }
   std::istringstream lines(text);
   Tarvo::MappingInfos infos = Tarvo::PidMappings::parse(lines);
-  FUZZ_CHECK(infos.size() <= static_cast<size_t>(std::count(text.begin(), text.end(), '\n')) + 1);
+  TARVO_CHECK(infos.size() <= static_cast<size_t>(std::count(text.begin(), text.end(), '\n')) + 1);
 
   FuzzedDataProvider in(data, size);
   checkRoundTrip(in);

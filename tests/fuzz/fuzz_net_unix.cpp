@@ -25,8 +25,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string line;
   while (std::getline(lines, line) && line.find(name) == std::string::npos) {
   }
-  FUZZ_CHECK(line.find(name) != std::string::npos);
+  TARVO_CHECK(line.find(name) != std::string::npos);
   // The inode is written in the line as it is answered (a leading sign or zeros aside).
-  FUZZ_CHECK(line.find(std::to_string(inode)) != std::string::npos);
+  TARVO_CHECK(line.find(std::to_string(inode)) != std::string::npos);
   return 0;
 }

@@ -14,18 +14,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   double seconds = -7.25;
   bool parsed = Tarvo::Impl::parseWaitForDefault(c, &seconds);
-  FUZZ_CHECK(parsed || seconds == -7.25);
+  TARVO_CHECK(parsed || seconds == -7.25);
   // The text starts with a number (after blanks) whenever the conversion succeeds.
   size_t first = text.find_first_not_of(" \t\n\v\f\r");
-  FUZZ_CHECK(!parsed || first != std::string::npos);
+  TARVO_CHECK(!parsed || first != std::string::npos);
 
   unsigned seed = Tarvo::Impl::parseRandSeed(c);
   if (!text.empty() && text.size() <= 9 &&
       text.find_first_not_of("0123456789") == std::string::npos) {
-    FUZZ_CHECK(seed == std::stoul(text));
+    TARVO_CHECK(seed == std::stoul(text));
   }
   if (text.find_first_of("0123456789") == std::string::npos) {
-    FUZZ_CHECK(seed == 0);
+    TARVO_CHECK(seed == 0);
   }
   return 0;
 }

@@ -28,19 +28,19 @@ void checkPlan(const std::string& absolute, const std::string& trailing) {
   try {
     dirs = Tarvo::Util::Impl::trimpathDirectories(absolute, trailing);
   } catch (const Tarvo::AssertException&) {
-    FUZZ_CHECK(absolute.empty() || absolute[0] != '/' || trailing.empty() ||
-               trailing.size() >= absolute.size() ||
-               absolute.compare(absolute.size() - trailing.size(), trailing.size(), trailing) !=
-                   0 ||
-               absolute.find('\0') != std::string::npos);
+    TARVO_CHECK(absolute.empty() || absolute[0] != '/' || trailing.empty() ||
+                trailing.size() >= absolute.size() ||
+                absolute.compare(absolute.size() - trailing.size(), trailing.size(), trailing) !=
+                    0 ||
+                absolute.find('\0') != std::string::npos);
     return;
   }
   const size_t base = absolute.size() - trailing.size();
-  FUZZ_CHECK(!dirs.empty() && dirs.front() == absolute);
+  TARVO_CHECK(!dirs.empty() && dirs.front() == absolute);
   for (size_t i = 1; i < dirs.size(); ++i) {
-    FUZZ_CHECK(dirs[i].size() > base && dirs[i].size() < dirs[i - 1].size());
-    FUZZ_CHECK(absolute.compare(0, dirs[i].size(), dirs[i]) == 0 &&
-               absolute[dirs[i].size()] == '/');
+    TARVO_CHECK(dirs[i].size() > base && dirs[i].size() < dirs[i - 1].size());
+    TARVO_CHECK(absolute.compare(0, dirs[i].size(), dirs[i]) == 0 &&
+                absolute[dirs[i].size()] == '/');
   }
 }
 
@@ -81,9 +81,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string absolute = scratch + "/" + input;
   if (Tarvo::Util::mkpath(absolute, 0700) == 0) {
     struct stat st;
-    FUZZ_CHECK(::stat(absolute.c_str(), &st) == 0 && S_ISDIR(st.st_mode));
-    FUZZ_CHECK(Tarvo::Util::trimpath(absolute, input) == 0);
-    FUZZ_CHECK(isEmptyDir(scratch));
+    TARVO_CHECK(::stat(absolute.c_str(), &st) == 0 && S_ISDIR(st.st_mode));
+    TARVO_CHECK(Tarvo::Util::trimpath(absolute, input) == 0);
+    TARVO_CHECK(isEmptyDir(scratch));
   }
   // Whatever mkpath left behind on a failure goes before the next input.
   for (const auto& entry : std::filesystem::directory_iterator(scratch)) {

@@ -19,10 +19,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const size_t limit = in.ConsumeIntegralInRange<size_t>(0, 5000);
   const std::string bytes = in.ConsumeRemainingBytesAsString();
   int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  FUZZ_CHECK(fd >= 0);
-  FUZZ_CHECK(::write(fd, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()));
+  TARVO_CHECK(fd >= 0);
+  TARVO_CHECK(::write(fd, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()));
   ::close(fd);
   std::string read = Tarvo::Util::fileRead(Tarvo::Fuzz::quietHandler(), path, true, limit);
-  FUZZ_CHECK(read == bytes.substr(0, std::min(bytes.find('\0'), limit)));
+  TARVO_CHECK(read == bytes.substr(0, std::min(bytes.find('\0'), limit)));
   return 0;
 }

@@ -17,10 +17,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string text = input.substr(split + 1);
   using namespace Tarvo::Util::Impl;
   bool listed = procLocksMayList(text, entry);
-  FUZZ_CHECK(listed ||
-             (text.find(entry) == std::string::npos && text.find("OFDLCK") == std::string::npos));
+  TARVO_CHECK(listed ||
+              (text.find(entry) == std::string::npos && text.find("OFDLCK") == std::string::npos));
   bool locked = fdinfoShowsLock(text);
-  FUZZ_CHECK(!locked || text.find("POSIX") != std::string::npos ||
-             text.find("OFDLCK") != std::string::npos);
+  TARVO_CHECK(!locked || text.find("POSIX") != std::string::npos ||
+              text.find("OFDLCK") != std::string::npos);
   return 0;
 }

@@ -16,10 +16,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   } catch (const Tarvo::AssertException&) {
     return 0;
   }
-  FUZZ_CHECK(!field.empty());
-  FUZZ_CHECK(field.find(' ') == std::string::npos);
+  TARVO_CHECK(!field.empty());
+  TARVO_CHECK(field.find(' ') == std::string::npos);
   size_t close = line.rfind(')');
-  FUZZ_CHECK(close != std::string::npos);
-  FUZZ_CHECK(line.find(field, close) != std::string::npos);
+  TARVO_CHECK(close != std::string::npos);
+  TARVO_CHECK(line.find(field, close) != std::string::npos);
   return 0;
 }

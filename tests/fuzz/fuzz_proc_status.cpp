@@ -14,10 +14,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     return 0;
   }
   static constexpr const char* kBlanks = " \t\n";
-  FUZZ_CHECK(status.find("Name:") != std::string::npos);
-  FUZZ_CHECK(status.find(title) != std::string::npos);
-  FUZZ_CHECK(title.find('\n') == std::string::npos);
-  FUZZ_CHECK(title.find_first_of(kBlanks) != 0);
-  FUZZ_CHECK(title.find_last_of(kBlanks) != title.size() - 1);
+  TARVO_CHECK(status.find("Name:") != std::string::npos);
+  TARVO_CHECK(status.find(title) != std::string::npos);
+  TARVO_CHECK(title.find('\n') == std::string::npos);
+  TARVO_CHECK(title.find_first_of(kBlanks) != 0);
+  TARVO_CHECK(title.find_last_of(kBlanks) != title.size() - 1);
   return 0;
 }

@@ -26,7 +26,7 @@ RespParser::Status drain(RespParser& parser, Commands* out) {
   std::vector<std::string> args;
   RespParser::Status status;
   while ((status = parser.next(&args)) == RespParser::Status::command) {
-    FUZZ_CHECK(!args.empty());
+    TARVO_CHECK(!args.empty());
     out->push_back(args);
   }
   return status;
@@ -57,7 +57,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   whole.feed(bytes);
   Commands wholeCommands;
   const RespParser::Status wholeStatus = drain(whole, &wholeCommands);
-  FUZZ_CHECK(whole.buffered() <= bytes.size());
+  TARVO_CHECK(whole.buffered() <= bytes.size());
 
   RespParser pieces(kLimits);
   Commands pieceCommands;
@@ -75,21 +75,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (bytes.empty()) {
     pieceStatus = drain(pieces, &pieceCommands);
   }
-  FUZZ_CHECK(pieceStatus == wholeStatus);
-  FUZZ_CHECK(pieceCommands == wholeCommands);
-  FUZZ_CHECK(pieces.error() == whole.error());
+  TARVO_CHECK(pieceStatus == wholeStatus);
+  TARVO_CHECK(pieceCommands == wholeCommands);
+  TARVO_CHECK(pieces.error() == whole.error());
 
   if (wholeStatus == RespParser::Status::error) {
     std::vector<std::string> args;
     whole.feed("*1\r\n$4\r\nPING\r\n");
-    FUZZ_CHECK(whole.next(&args) == RespParser::Status::error);
+    TARVO_CHECK(whole.next(&args) == RespParser::Status::error);
   }
 
   // Commands that fit the limits come back unchanged through their array form.
   RespParser again(TarvoKv::RespLimits{});
   again.feed(encoded(wholeCommands));
   Commands againCommands;
-  FUZZ_CHECK(drain(again, &againCommands) == RespParser::Status::needMore);
-  FUZZ_CHECK(againCommands == wholeCommands);
+  TARVO_CHECK(drain(again, &againCommands) == RespParser::Status::needMore);
+  TARVO_CHECK(againCommands == wholeCommands);
   return 0;
 }

@@ -69,7 +69,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     DebugHandler* handler = getDebugHandler(name);
     uint32_t wanted = expectedMask(entry.levels);
-    FUZZ_CHECK((handler->levelMask() & wanted) == wanted);
+    TARVO_CHECK((handler->levelMask() & wanted) == wanted);
     destroyDebugHandler(handler);
   }
   clearTarvoDebug(clearSpec.c_str());
@@ -81,7 +81,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     LocoGuard guard;
     if (Tarvo::Zel::DebugControl::findWildcard(name) == nullptr) {
       DebugHandler* handler = getDebugHandler(name);
-      FUZZ_CHECK(handler->levelMask() == 0);
+      TARVO_CHECK(handler->levelMask() == 0);
       destroyDebugHandler(handler);
     }
   }

@@ -54,6 +54,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     wanted |= valid ? 1u << i : 0;
   }
   Tarvo::Platform::setTraceFormat(spec.c_str());
-  FUZZ_CHECK(flagsNow() == (valid ? wanted : before));
+  TARVO_CHECK(flagsNow() == (valid ? wanted : before));
   return 0;
 }

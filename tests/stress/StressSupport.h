@@ -10,14 +10,7 @@
 #include <random>
 #include <string>
 
-// Ends the program with the failed condition and a value worth seeing.
-#define STRESS_CHECK(condition)                                                          \
-  do {                                                                                   \
-    if (!(condition)) {                                                                  \
-      std::fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #condition); \
-      std::abort();                                                                      \
-    }                                                                                    \
-  } while (0)
+#include "../common/AbortingCheck.h"
 
 namespace Tarvo::Stress {
 

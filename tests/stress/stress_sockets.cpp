@@ -49,7 +49,7 @@ class Writer : public Tarvo::FileDescriptorTask {
     taskWatchReadableIs(false);
     taskWatchWritableIs(true);
   }
-  void taskExecuteReadable() override { STRESS_CHECK(!"a writer's reads are not watched"); }
+  void taskExecuteReadable() override { TARVO_CHECK(!"a writer's reads are not watched"); }
   void taskExecuteWritable() override {
     ++totals_.writeRuns;
     const int fd = taskWatchFd();
@@ -63,7 +63,7 @@ class Writer : public Tarvo::FileDescriptorTask {
       sent_ += static_cast<unsigned long>(n);
       totals_.written += static_cast<unsigned long>(n);
     } else {
-      STRESS_CHECK(n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK));
+      TARVO_CHECK(n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK));
     }
     if (sent_ < bytes_) {
       taskWatchWritableIs(true);
@@ -99,7 +99,7 @@ class Reader : public Tarvo::FileDescriptorTask {
       ssize_t n = ::read(fd, buf, rng_() % sizeof buf + 1);
       if (n > 0) {
         for (ssize_t i = 0; i < n; ++i) {
-          STRESS_CHECK(buf[i] == patternByte(pair_, received + static_cast<unsigned long>(i)));
+          TARVO_CHECK(buf[i] == patternByte(pair_, received + static_cast<unsigned long>(i)));
         }
         received += static_cast<unsigned long>(n);
         totals_.read += static_cast<unsigned long>(n);
@@ -115,13 +115,13 @@ class Reader : public Tarvo::FileDescriptorTask {
         done = true;
         return;
       }
-      STRESS_CHECK(errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR);
+      TARVO_CHECK(errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR);
       if (errno != EINTR) {
         return;
       }
     }
   }
-  void taskExecuteWritable() override { STRESS_CHECK(!"a reader's writes are not watched"); }
+  void taskExecuteWritable() override { TARVO_CHECK(!"a reader's writes are not watched"); }
 
   unsigned long received = 0;
   bool done = false;
@@ -153,7 +153,7 @@ int main(int argc, char** argv) {
   ::setrlimit(RLIMIT_NOFILE, &limit);
   const unsigned long perWave = std::min<unsigned long>(
       {o.count, 4000, (static_cast<unsigned long>(limit.rlim_cur) - 64) / 2});
-  STRESS_CHECK(perWave > 0);
+  TARVO_CHECK(perWave > 0);
 
   std::mt19937_64 rng(o.seed);
   std::shared_ptr<Tarvo::TaskSchedulerRoot> root = Tarvo::schedulerRootTarvoNonShared("stress");
@@ -167,7 +167,7 @@ int main(int argc, char** argv) {
     std::vector<unsigned long> sizes;
     for (unsigned long p = first; p < first + pairs; ++p) {
       int fds[2];
-      STRESS_CHECK(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds) == 0);
+      TARVO_CHECK(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds) == 0);
       sizes.push_back(rng() % 65537);
       expected += sizes.back();
       readers.push_back(std::make_shared<Reader>(root, p, rng, totals));
@@ -177,20 +177,20 @@ int main(int argc, char** argv) {
     }
     Tarvo::Platform::doEventLoop();
     for (unsigned long i = 0; i < pairs; ++i) {
-      STRESS_CHECK(writers[i]->done && readers[i]->done);
-      STRESS_CHECK(readers[i]->received == sizes[i]);
+      TARVO_CHECK(writers[i]->done && readers[i]->done);
+      TARVO_CHECK(readers[i]->received == sizes[i]);
     }
   }
-  STRESS_CHECK(totals.written == expected && totals.read == expected);
+  TARVO_CHECK(totals.written == expected && totals.read == expected);
   std::printf(
       "pairs %lu in %lu waves, bytes written %lu, read %lu, writer runs %lu, reader "
       "runs %lu, early reader returns %lu\n",
       o.count, waves, totals.written, totals.read, totals.writeRuns, totals.readRuns,
       totals.earlyReturns);
-  STRESS_CHECK(root->registeredTaskCount() == 0);
-  STRESS_CHECK(root->runnableTaskCount() == 0);
+  TARVO_CHECK(root->registeredTaskCount() == 0);
+  TARVO_CHECK(root->runnableTaskCount() == 0);
   root.reset();
-  STRESS_CHECK(openDescriptors() == descriptorsBefore);
+  TARVO_CHECK(openDescriptors() == descriptorsBefore);
   std::printf("task counts back at zero, no descriptor left open\n");
   return 0;
 }

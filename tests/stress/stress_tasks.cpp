@@ -69,9 +69,9 @@ class Driver {
   }
 
   void ran(StressTask& task) {
-    STRESS_CHECK(!task.taskSuspended());
-    STRESS_CHECK(task.queued);
-    STRESS_CHECK(!task.taskScheduled());
+    TARVO_CHECK(!task.taskSuspended());
+    TARVO_CHECK(task.queued);
+    TARVO_CHECK(!task.taskScheduled());
     task.queued = false;
     ++runs_;
     auto& other = slots_[rng_() % slots_.size()];
@@ -122,27 +122,27 @@ class Driver {
   void schedule(StressTask& task) {
     task.scheduleTask();
     task.queued = !task.taskSuspended();
-    STRESS_CHECK(task.taskScheduled() == task.queued);
+    TARVO_CHECK(task.taskScheduled() == task.queued);
   }
   void suspend(StressTask& task) {
     ++suspends_;
     task.taskSuspendedIs(true);
     task.queued = false;
-    STRESS_CHECK(!task.taskScheduled());
+    TARVO_CHECK(!task.taskScheduled());
   }
   void resume(StressTask& task) {
     if (task.taskSuspended()) {
       ++resumes_;
       task.taskSuspendedIs(false);
       task.queued = true;
-      STRESS_CHECK(task.taskScheduled());
+      TARVO_CHECK(task.taskScheduled());
     }
   }
   // After a loop pass nothing may be left on a run queue.
   void checkSettled() const {
-    STRESS_CHECK(root_->runnableTaskCount() == 0);
+    TARVO_CHECK(root_->runnableTaskCount() == 0);
     for (const auto& slot : slots_) {
-      STRESS_CHECK(!slot || (!slot->queued && !slot->taskScheduled()));
+      TARVO_CHECK(!slot || (!slot->queued && !slot->taskScheduled()));
     }
   }
 
@@ -168,10 +168,10 @@ int main(int argc, char** argv) {
     driver.run();
     driver.report();
   }
-  STRESS_CHECK(root->registeredTaskCount() == 0);
-  STRESS_CHECK(root->runnableTaskCount() == 0);
+  TARVO_CHECK(root->registeredTaskCount() == 0);
+  TARVO_CHECK(root->runnableTaskCount() == 0);
   for (unsigned p = 0; p < TaskPriority::count; ++p) {
-    STRESS_CHECK(root->tasksPerPriority(TaskPriority(static_cast<int>(p))) == 0);
+    TARVO_CHECK(root->tasksPerPriority(TaskPriority(static_cast<int>(p))) == 0);
   }
   root.reset();
   std::printf("task counts back at zero\n");

@@ -78,7 +78,7 @@ int main(int argc, char** argv) {
       case 2:
         timer->stopTimerTask();
         timer->stopped = true;
-        STRESS_CHECK(!timer->timerRunning());
+        TARVO_CHECK(!timer->timerRunning());
         ++stopped;
         break;
       default:
@@ -92,21 +92,21 @@ int main(int argc, char** argv) {
 
   for (size_t k = 0; k < order.size(); ++k) {
     const StressTimer& t = *order[k];
-    STRESS_CHECK(!t.stopped && t.runs == 1 && !t.timerRunning());
-    STRESS_CHECK(t.ranAt >= t.expiry - kSlack && t.ranAt < t.expiry + lateLimit);
+    TARVO_CHECK(!t.stopped && t.runs == 1 && !t.timerRunning());
+    TARVO_CHECK(t.ranAt >= t.expiry - kSlack && t.ranAt < t.expiry + lateLimit);
     if (k > 0) {
       maxInversion = std::max(maxInversion, order[k - 1]->expiry - t.expiry);
-      STRESS_CHECK(t.expiry >= order[k - 1]->expiry - kSlack);
+      TARVO_CHECK(t.expiry >= order[k - 1]->expiry - kSlack);
     }
     maxLate = std::max(maxLate, t.ranAt - t.expiry);
     maxEarly = std::max(maxEarly, t.expiry - t.ranAt);
   }
   for (const auto& timer : timers) {
-    STRESS_CHECK(timer->runs == (timer->stopped ? 0 : 1));
+    TARVO_CHECK(timer->runs == (timer->stopped ? 0 : 1));
   }
   const unsigned long fired = order.size();
   timers.clear();
-  STRESS_CHECK(fired == o.count - stopped);
+  TARVO_CHECK(fired == o.count - stopped);
   std::printf(
       "timers %lu, re-armed %lu, stopped %lu, fired %lu, virtual span %.0f s, "
       "arming %.3f s, latest firing %.6f s after its expiry, earliest %.6f s before it, largest "
@@ -114,8 +114,8 @@ int main(int argc, char** argv) {
       "%.6f s\n",
       o.count, rearmed, stopped, fired, Tarvo::time() - start, lateLimit - kStepAllowance, maxLate,
       maxEarly, maxInversion);
-  STRESS_CHECK(root->registeredTaskCount() == 0);
-  STRESS_CHECK(root->runnableTaskCount() == 0);
+  TARVO_CHECK(root->registeredTaskCount() == 0);
+  TARVO_CHECK(root->runnableTaskCount() == 0);
   root.reset();
   std::printf("task counts back at zero\n");
   return 0;
