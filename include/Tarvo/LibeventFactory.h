@@ -20,6 +20,7 @@
 #include <memory>
 
 #include "Tarvo/Platform.h"
+#include "Tarvo/TaskClock.h"
 
 struct event;
 struct event_base;
@@ -150,6 +151,10 @@ class LibeventTimerControl : public Platform::TimerControl, private Impl::LeCont
   // expires early (libevent's own coarse clock may make it late by up to one tick, 4 ms at
   // 250 Hz).
   void setTimeout(double seconds) override;
+  // setTimeout() with the delay counted from `from`, a reading of this process's task clock
+  // (TaskClock::now()) taken on this thread a moment ago, which spares the control a reading
+  // of its own; TaskTimePoint{} counts from now, as setTimeout() does.
+  void setTimeoutFrom(double seconds, TaskTimePoint from);
   void delTimeout() override;
   // Measured against the precise monotonic clock, to the microsecond; fast-forward shortens
   // it by the advance (the virtual time offset itself is not added).

@@ -49,8 +49,9 @@ class TaskSchedulerRootTarvo : public TaskSchedulerRoot, public Platform::Timeou
 
   void timerCreated(TimerTask& timer) override;
   void timerDestroyed(TimerTask& timer) override;
-  // The seconds form hands the delay to the timer control as it is; the nanosecond form
-  // converts it to seconds first.
+  // The seconds form hands the delay to the timer control as it is, counted from the task's
+  // scheduling call (TimerTask::timerStartCallTime()) when the call comes from one, else from
+  // now; the nanosecond form converts it to seconds first.
   bool timerStart(TimerTask& timer, double seconds, bool restart) override;
   bool timerStart(TimerTask& timer, nanoseconds delay, bool restart) override;
   void timerStop(TimerTask& timer) override;

@@ -123,6 +123,11 @@ class TimerTask : public TaskImpl {
   // looking at the run queue.
   TaskTimePoint currentExpirationTimeRaw() const;
 
+  // For roots: while the root's timerStart() runs for a scheduling call of this task, the
+  // time stamp that call took (TaskClock), from which the delay counts; TaskTimePoint{} at any
+  // other time, as when a root's timerStart() is called directly.
+  TaskTimePoint timerStartCallTime() const noexcept { return timerStartCallTime_; }
+
   // For roots: the record attached to this task.
   TimerRecord* timerRecord() const noexcept { return timerRecord_.get(); }
   void timerRecordIs(std::unique_ptr<TimerRecord> record) noexcept {
@@ -145,6 +150,7 @@ class TimerTask : public TaskImpl {
   void doStopTimer();
 
   bool timerRunning_ = false;
+  TaskTimePoint timerStartCallTime_{};
   std::unique_ptr<TimerRecord> timerRecord_;
 };
 

@@ -54,19 +54,6 @@ timeval fromMicros(int64_t us) {
           static_cast<suseconds_t>(us % kMicrosPerSecond)};
 }
 
-// `tv` moved by `us` microseconds, less than a second either way.
-timeval shiftedBy(timeval tv, int64_t us) {
-  tv.tv_usec += static_cast<suseconds_t>(us);
-  if (tv.tv_usec >= kMicrosPerSecond) {
-    tv.tv_usec -= kMicrosPerSecond;
-    ++tv.tv_sec;
-  } else if (tv.tv_usec < 0) {
-    tv.tv_usec += kMicrosPerSecond;
-    --tv.tv_sec;
-  }
-  return tv;
-}
-
 // The monotonic clock in microseconds, through the scheduler's cycle-counter reading, which is
 // on the same scale and costs a fraction of a clock_gettime() call.
 int64_t monotonicNowMicros() {
@@ -77,36 +64,24 @@ int64_t monotonicNowMicros() {
 // addTimer()).
 __attribute__((tls_model("initial-exec"))) thread_local int64_t baseNowSeen = 0;
 
-// Arms `ev` to expire `delay` from now. libevent stamps an expiry from its own monotonic
-// clock: the kernel's coarse clock, which moves in ticks (4 ms at 250 Hz), read once per loop
-// pass inside the loop. That stamp can lie a tick or a whole pass in the past, so the timer
-// would expire early and remainingTimeout() would be short by as much. The wanted expiry is
-// therefore taken from the precise clock and handed to libevent as a delay from libevent's own
-// "now". That "now" moves only at a tick or a loop pass, so the one seen at the last add is
-// usually still right and one add suffices; when the stamp shows otherwise, the "now" it
-// reveals is kept and the timer added again. A zero delay needs no correction: such a timer
-// is due at once. The arithmetic is on plain 64-bit microseconds: timeval pairs invite the
-// compiler to vector code whose loads stall on the stores just made.
-void addTimer(event* ev, const timeval& delay) {
-  const int64_t delayUs = toMicros(delay);
-  if (delayUs == 0) {
-    addEvent(ev, &delay);
-    return;
-  }
-  const int64_t now = monotonicNowMicros();
-  // How far libevent's "now" lags ours: usually less than a tick, so the delay is corrected
-  // with a carry rather than split again by division.
-  const int64_t lag = now - baseNowSeen;
-  timeval fromBaseNow = delay;
-  if (lag > -delayUs) {
-    fromBaseNow = lag > -kMicrosPerSecond && lag < kMicrosPerSecond ? shiftedBy(delay, lag)
-                                                                    : fromMicros(delayUs + lag);
-  }
-  addEvent(ev, &fromBaseNow);
+// Arms `ev` to expire `delayUs` microseconds after `now` (microseconds on the monotonic
+// clock). libevent stamps an expiry from its own monotonic clock: the kernel's coarse clock,
+// which moves in ticks (4 ms at 250 Hz), read once per loop pass inside the loop. That stamp
+// can lie a tick or a whole pass in the past, so the timer would expire early and
+// remainingTimeout() would be short by as much. The wanted expiry is therefore taken from the
+// precise clock and handed to libevent as a delay from libevent's own "now". That "now" moves
+// only at a tick or a loop pass, so the one seen at the last add is usually still right and
+// one add suffices; when the stamp shows otherwise, the "now" it reveals is kept and the timer
+// added again. The arithmetic is on plain 64-bit microseconds: timeval pairs invite the
+// compiler to 16-byte loads of pairs just stored as two scalars, which stall.
+void addTimer(event* ev, int64_t delayUs, int64_t now) {
   const int64_t wanted = now + delayUs;
+  int64_t fromBaseNowUs = baseNowSeen < wanted ? wanted - baseNowSeen : delayUs;
+  timeval fromBaseNow = fromMicros(fromBaseNowUs);
+  addEvent(ev, &fromBaseNow);
   const int64_t stamped = toMicros(ev->ev_timeout);
   if (stamped != wanted) {
-    baseNowSeen = stamped - toMicros(fromBaseNow);
+    baseNowSeen = stamped - fromBaseNowUs;
     if (baseNowSeen < wanted) {
       fromBaseNow = fromMicros(wanted - baseNowSeen);
       addEvent(ev, &fromBaseNow);
@@ -226,18 +201,32 @@ LibeventTimerControl::LibeventTimerControl(Platform::TimeoutHandler* handler) : 
 LibeventTimerControl::~LibeventTimerControl() = default;
 
 void LibeventTimerControl::setTimeout(double seconds) {
-  timeval delay;
-  bool finite = leSplitSeconds(seconds, &delay);
+  setTimeoutFrom(seconds, TaskTimePoint{});
+}
+
+void LibeventTimerControl::setTimeoutFrom(double seconds, TaskTimePoint from) {
+  const int64_t delayUs = leSpanMicros(seconds);
   TARVO_TRACE(traceHandler, 9,
               "Timer " << static_cast<const void*>(this) << " set timeout " << seconds);
-  if (!finite) {
+  if (delayUs < 0) {
     delTimeout();
     return;
   }
   // The event was assigned to the thread's base at construction, and that base outlives
   // every control of the thread, so it is simply added again. Adding a pending (or fired,
-  // not yet delivered) event replaces its expiry in one step, without a removal first.
-  addTimer(timer_.get(), delay);
+  // not yet delivered) event replaces its expiry in one step, without a removal first. A zero
+  // delay needs no clock: such a timer is due at once.
+  if (delayUs == 0) {
+    const timeval zero{0, 0};
+    addEvent(timer_.get(), &zero);
+  } else {
+    const int64_t now =
+        from == TaskTimePoint{}
+            ? monotonicNowMicros()
+            : std::chrono::duration_cast<std::chrono::microseconds>(from.time_since_epoch())
+                  .count();
+    addTimer(timer_.get(), delayUs, now);
+  }
   armed_ = true;
 }
 

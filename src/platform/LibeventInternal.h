@@ -3,6 +3,7 @@
 
 #include <sys/time.h>
 
+#include <cstdint>
 #include <exception>
 
 #include "Tarvo/Debug.h"
@@ -26,9 +27,20 @@ TARVO_INTERNAL event_base* leBaseOrInit();
 // through libevent's own frames) and asks the loop to stop after this callback.
 TARVO_INTERNAL void leParkException(std::exception_ptr exception);
 
-// Splits a span in seconds into a timeval, truncating to whole microseconds. Zero, negative
-// and NaN spans give 0; returns false for +infinity (and spans beyond 1e9 seconds), which
-// mean "no limit".
+// A span in seconds as whole microseconds, truncated. Zero, negative and NaN spans give 0;
+// +infinity (and spans beyond 1e9 seconds), which mean "no limit", give -1.
+inline int64_t leSpanMicros(double seconds) {
+  if (!(seconds > 0)) {
+    return 0;
+  }
+  if (seconds >= 1e9) {
+    return -1;
+  }
+  // Whole microseconds first, so that 0.7 gives 700000 rather than 699999.
+  return static_cast<int64_t>(seconds * 1e6);
+}
+
+// leSpanMicros() as a timeval; returns false for "no limit".
 TARVO_INTERNAL bool leSplitSeconds(double seconds, timeval* out);
 
 // Makes every pending timer of the thread's base due `advance` sooner and adds `advance` to

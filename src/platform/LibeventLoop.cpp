@@ -284,16 +284,10 @@ void leParkException(std::exception_ptr exception) {
 }
 
 bool leSplitSeconds(double seconds, timeval* out) {
-  constexpr double kNoLimit = 1e9;
-  if (!(seconds > 0)) {
-    *out = {0, 0};
-    return true;
-  }
-  if (seconds >= kNoLimit) {
+  const int64_t micros = leSpanMicros(seconds);
+  if (micros < 0) {
     return false;
   }
-  // Whole microseconds first, so that 0.7 gives 700000 rather than 699999.
-  auto micros = static_cast<int64_t>(seconds * 1e6);
   out->tv_sec = static_cast<time_t>(micros / 1000000);
   out->tv_usec = static_cast<suseconds_t>(micros % 1000000);
   return true;

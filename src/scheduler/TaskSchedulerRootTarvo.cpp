@@ -8,6 +8,7 @@
 #include <string>
 
 #include "Tarvo/Exception.h"
+#include "Tarvo/LibeventFactory.h"
 #include "Tarvo/Platform.h"
 #include "platform/LibeventInternal.h"
 #include "platform/ProcessClock.h"
@@ -41,16 +42,16 @@ class TaskSchedulerRootTarvo::TimerNotifiee : public TimerTask::TimerRecord,
                                               public Platform::TimeoutHandler {
  public:
   TimerNotifiee(TaskSchedulerRootTarvo* root, TimerTask* timer)
-      : control_(Platform::getTimerControl(this)), root_(root), timer_(timer) {
+      : control_(std::make_shared<LibeventTimerControl>(this)), root_(root), timer_(timer) {
     control_->delTimeout();
   }
 
   void timeout() override { root_->timerExpired(*timer_); }
 
-  Platform::TimerControl& control() const noexcept { return *control_; }
+  LibeventTimerControl& control() const noexcept { return *control_; }
 
  private:
-  std::shared_ptr<Platform::TimerControl> control_;
+  std::shared_ptr<LibeventTimerControl> control_;
   TaskSchedulerRootTarvo* root_;
   TimerTask* timer_;
 };
@@ -71,11 +72,11 @@ void TaskSchedulerRootTarvo::timerDestroyed(TimerTask& timer) {
 // base of the root's thread, which nothing else may touch.
 bool TaskSchedulerRootTarvo::timerStart(TimerTask& timer, double seconds, bool restart) {
   sanityCheckCurrentRunningThread();
-  Platform::TimerControl& control = notifiee(timer).control();
+  LibeventTimerControl& control = notifiee(timer).control();
   if (!restart && !(seconds < control.remainingTimeout())) {
     return false;
   }
-  control.setTimeout(seconds);
+  control.setTimeoutFrom(seconds, timer.timerStartCallTime());
   return true;
 }
 

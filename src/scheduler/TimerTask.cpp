@@ -126,7 +126,17 @@ void TimerTask::scheduleTaskDelayedPrivate(Delay delayIntoFuture, bool restart) 
   }
   TaskSchedulerRoot* r = root();
   delayIntoFuture = clampToMinimum(delayIntoFuture, *r);
-  if (!r->timerStart(*this, delayIntoFuture, restart)) {
+  bool started;
+  {
+    // The call's time stamp is lent to the root for the one call, and taken back however the
+    // call ends.
+    struct Lend {
+      TaskTimePoint& stamp;
+      ~Lend() { stamp = TaskTimePoint{}; }
+    } lend{timerStartCallTime_ = now};
+    started = r->timerStart(*this, delayIntoFuture, restart);
+  }
+  if (!started) {
     TARVO_TRACE(schedulerTrace(), 8,
                 "Timer already running " << this << " expire "
                                          << DisplayTaskTimeStamp{r->timerExpiry(*this)});

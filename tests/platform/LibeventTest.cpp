@@ -158,6 +158,11 @@ TEST(LibeventTimerControl, RemainingTimeoutIsExactToTheMicrosecondAcrossClockTic
   EXPECT_EQ(tooShort, 0);
   control->setTimeout(0);
   EXPECT_EQ(control->remainingTimeout(), 0);
+
+  // Counted from a time stamp taken earlier, the expiry is that stamp plus the delay.
+  LibeventTimerControl direct(&recorder);
+  direct.setTimeoutFrom(1.0, TaskClock::now() - std::chrono::milliseconds(400));
+  EXPECT_NEAR(direct.remainingTimeout(), 0.6, 0.005);
 }
 
 TEST(LibeventCallbackControl, RequestsCoalesceAndCancelWithdraws) {

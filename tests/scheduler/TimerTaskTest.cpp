@@ -287,6 +287,9 @@ TEST_F(LoopTimerTest, LowestDelayKeepsThePlatformExpiryAndTimersSurviveAThrowing
   EXPECT_NEAR(timer->timerRemaining(), 2.0, 0.5);  // generous: the machine may stall us
   timer->scheduleTaskLowestDelay(0.05);
   EXPECT_LE(timer->timerRemaining(), 0.051);
+  // The call's time stamp is lent to the root for that call only: a root called directly
+  // later must read its own clock.
+  EXPECT_EQ(timer->timerStartCallTime(), TaskTimePoint{});
 
   auto thrower = std::make_shared<FnTimer>(root, "thrower",
                                            [](FnTimer&) { throw std::runtime_error("boom"); });
