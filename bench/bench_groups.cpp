@@ -77,6 +77,12 @@ class Empty : public Tarvo::Task {
 
 constexpr int kRunsPerTurn = 1000;
 
+// The time of one run, with kRunsPerTurn runs in each iteration.
+benchmark::Counter perRun() {
+  return benchmark::Counter(
+      kRunsPerTurn, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+}
+
 void BM_GroupInnerRun(benchmark::State& state) {
   auto root = std::make_shared<Tarvo::TaskSchedulerRootManual>("bench");
   auto group = Tarvo::TaskGroupIs("group", TaskPriority::normal, true, root);
@@ -92,9 +98,7 @@ void BM_GroupInnerRun(benchmark::State& state) {
       group->parentTaskRunCount() != state.iterations()) {
     state.SkipWithError("a turn did not run all inner runs");
   }
-  state.counters["per_inner_run"] =
-      benchmark::Counter(static_cast<double>(state.iterations() * kRunsPerTurn),
-                         benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+  state.counters["per_inner_run"] = perRun();
 }
 BENCHMARK(BM_GroupInnerRun);
 
@@ -110,9 +114,7 @@ void BM_GroupInnerRunThroughLoop(benchmark::State& state) {
     inner->scheduleTask();
     Tarvo::Platform::doEventLoop();
   }
-  state.counters["per_inner_run"] =
-      benchmark::Counter(static_cast<double>(state.iterations() * kRunsPerTurn),
-                         benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+  state.counters["per_inner_run"] = perRun();
 }
 BENCHMARK(BM_GroupInnerRunThroughLoop);
 
@@ -125,9 +127,7 @@ void BM_PlainTaskThroughLoop(benchmark::State& state) {
     task->scheduleTask();
     Tarvo::Platform::doEventLoop();
   }
-  state.counters["per_run"] =
-      benchmark::Counter(static_cast<double>(state.iterations() * kRunsPerTurn),
-                         benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+  state.counters["per_run"] = perRun();
 }
 BENCHMARK(BM_PlainTaskThroughLoop);
 
