@@ -206,7 +206,8 @@ void doEventLoopInWaitfor(double seconds);
 //
 // In fast-forward mode the loop never sleeps until a timer: it moves the thread's virtual
 // time offset forward by the delay and makes every pending timer of the thread due that much
-// sooner; Tarvo::time() includes the offset. The mode is one process-wide switch that only
+// sooner (a persistent libevent timer too, which then keeps its period); Tarvo::time()
+// includes the offset. The mode is one process-wide switch that only
 // the main thread may throw (AssertException from any other thread, the mode unchanged); it
 // takes effect at the next loop pass of every thread. The offset is per thread and only
 // grows. Meant for test processes.
