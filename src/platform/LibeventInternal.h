@@ -37,7 +37,17 @@ inline int64_t leSpanMicros(double seconds) {
     return -1;
   }
   // Whole microseconds first, so that 0.7 gives 700000 rather than 699999.
-  return static_cast<int64_t>(seconds * 1e6);
+  const double scaled = seconds * 1e6;
+  auto micros = static_cast<int64_t>(scaled);
+  // The product can still land just below a whole count that the double stands for (1.001,
+  // stored a little below its decimal value, gives 1000999.9999999999), which would arm the
+  // timer a microsecond early. The next count is taken when, written as seconds, it is no
+  // more than the span; the division is paid only for fractions above one half.
+  if (scaled - static_cast<double>(micros) > 0.5 &&
+      static_cast<double>(micros + 1) / 1e6 <= seconds) {
+    ++micros;
+  }
+  return micros;
 }
 
 // leSpanMicros() as a timeval; returns false for "no limit".

@@ -141,8 +141,9 @@ TEST(LibeventTimerControl, RemainingTimeoutFollowsArmingTimedRunsEndAndReArmingW
 
 TEST(LibeventTimerControl, RemainingTimeoutIsExactToTheMicrosecondAcrossClockTicks) {
   // libevent's coarse clock moves in ticks of several milliseconds; sampled over 20 ms, the
-  // remaining time of a fresh one-second timer must never be short by more than the time
-  // that passed between arming it and asking (plus rounding to the microsecond).
+  // remaining time of a fresh timer must never be short by more than the time that passed
+  // between arming it and asking, plus the microsecond that the clock readings round off.
+  // 1.001 s is stored as a double just below 1.001, and must still arm 1,001,000 us.
   using std::chrono::steady_clock;
   Recorder recorder;
   auto control = Platform::getTimerControl(&recorder);
@@ -150,10 +151,10 @@ TEST(LibeventTimerControl, RemainingTimeoutIsExactToTheMicrosecondAcrossClockTic
   const auto end = steady_clock::now() + std::chrono::milliseconds(20);
   while (steady_clock::now() < end) {
     const auto before = steady_clock::now();
-    control->setTimeout(1.0);
-    const double shortBy = 1.0 - control->remainingTimeout();
+    control->setTimeout(1.001);
+    const double shortBy = 1.001 - control->remainingTimeout();
     const std::chrono::duration<double> window = steady_clock::now() - before;
-    tooShort += shortBy > window.count() + 2e-6;
+    tooShort += shortBy > window.count() + 1.1e-6;
   }
   EXPECT_EQ(tooShort, 0);
   control->setTimeout(0);
@@ -347,6 +348,8 @@ TEST(FastForward, TimedFormsAdvanceBySpanOrFirstTimerAndReturnAtOnce) {
     Platform::doEventLoop(1.5);
     Platform::doEventLoop(0.7);  // the microseconds carry into a second
     EXPECT_DOUBLE_EQ(leVirtualTimeOffset(), 2.2);
+    Platform::doEventLoop(1.001);  // a double just below 1.001: still 1,001,000 us
+    EXPECT_DOUBLE_EQ(leVirtualTimeOffset(), 3.201);
     EXPECT_THROW(Platform::setFastForward(false), AssertException);
   }).join();
   EXPECT_EQ(advance(), 0.0);
