@@ -7,6 +7,7 @@
 #include <exception>
 
 #include "Tarvo/Debug.h"
+#include "util/WholeUnits.h"
 
 struct event_base;
 
@@ -36,18 +37,7 @@ inline int64_t leSpanMicros(double seconds) {
   if (seconds >= 1e9) {
     return -1;
   }
-  // Whole microseconds first, so that 0.7 gives 700000 rather than 699999.
-  const double scaled = seconds * 1e6;
-  auto micros = static_cast<int64_t>(scaled);
-  // The product can still land just below a whole count that the double stands for (1.001,
-  // stored a little below its decimal value, gives 1000999.9999999999), which would arm the
-  // timer a microsecond early. The next count is taken when, written as seconds, it is no
-  // more than the span; the division is paid only for fractions above one half.
-  if (scaled - static_cast<double>(micros) > 0.5 &&
-      static_cast<double>(micros + 1) / 1e6 <= seconds) {
-    ++micros;
-  }
-  return micros;
+  return Util::Impl::wholeUnits(seconds, 1e6);
 }
 
 // leSpanMicros() as a timeval; returns false for "no limit".

@@ -11,6 +11,7 @@
 #include "platform/ProcessClock.h"
 #include "scheduler/SchedulerText.h"
 #include "scheduler/SchedulerTrace.h"
+#include "util/WholeUnits.h"
 
 namespace Tarvo {
 
@@ -249,11 +250,13 @@ void TaskSchedulerRootManual::timerDestroyed(TimerTask& timer) {
 }
 
 bool TaskSchedulerRootManual::timerStart(TimerTask& timer, double seconds, bool restart) {
+  // The largest double below 2^63: a span whose nanoseconds reach it does not fit the clock.
+  constexpr double kClockLimitNs = 9223372036854774784.0;
   nanoseconds delay(0);
-  if (seconds >= static_cast<double>(nanoseconds::max().count()) / 1e9) {
+  if (seconds * 1e9 >= kClockLimitNs) {
     delay = nanoseconds::max();
   } else if (seconds > 0) {
-    delay = std::chrono::duration_cast<nanoseconds>(std::chrono::duration<double>(seconds));
+    delay = nanoseconds(Util::Impl::wholeUnits(seconds, 1e9));
   }
   return timerStart(timer, delay, restart);
 }

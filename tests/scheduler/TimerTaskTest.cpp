@@ -84,6 +84,14 @@ TEST_F(ManualTimerTest, ZeroRunsAtOnceNegativeArmsTheMinimumForeverStopsOrNeverF
   t->scheduleTaskDelay(-1.0);
   t->scheduleTaskLowestDelay(1ms);  // clamped to 10 ms too: not earlier, kept
   EXPECT_DOUBLE_EQ(t->timerRemaining(), 0.01);
+
+  // 1.001 s is due after exactly 1,001,000,000 ns, although the double holds it a little below
+  // its decimal value.
+  auto exact = std::make_shared<TaskSchedulerRootManual>("exact");
+  auto e = std::make_shared<FnTimer>(exact, "e");
+  e->scheduleTaskDelay(1.001);
+  EXPECT_EQ(exact->advanceBy(1000999999ns), 0u);
+  EXPECT_EQ(exact->advanceBy(1ns), 1u);
 }
 
 TEST_F(ManualTimerTest, LowestDelayKeepsTheEarlierExpiryAndLeavesAQueuedTaskAlone) {
