@@ -102,6 +102,17 @@ void BM_GroupInnerRun(benchmark::State& state) {
 }
 BENCHMARK(BM_GroupInnerRun);
 
+// Each iteration: kRunsPerTurn runs of `task` inside one call of the event loop; the time of
+// one run is reported as `counter`.
+void runThroughLoop(benchmark::State& state, Repeat& task, const char* counter) {
+  for (auto _ : state) {
+    task.left = kRunsPerTurn;
+    task.scheduleTask();
+    Tarvo::Platform::doEventLoop();
+  }
+  state.counters[counter] = perRun();
+}
+
 // The same on the event-loop root: one loop pass per turn of 1000 inner runs.
 void BM_GroupInnerRunThroughLoop(benchmark::State& state) {
   auto root = Tarvo::schedulerRootTarvoNonShared("bench");
@@ -109,12 +120,7 @@ void BM_GroupInnerRunThroughLoop(benchmark::State& state) {
   // The largest budget: a turn preempted on a busy machine still runs all its inner runs.
   group->taskGroupQuantumIs(1s);
   auto inner = std::make_shared<Repeat>(group, TaskPriority::normal, "inner");
-  for (auto _ : state) {
-    inner->left = kRunsPerTurn;
-    inner->scheduleTask();
-    Tarvo::Platform::doEventLoop();
-  }
-  state.counters["per_inner_run"] = perRun();
+  runThroughLoop(state, *inner, "per_inner_run");
 }
 BENCHMARK(BM_GroupInnerRunThroughLoop);
 
@@ -122,12 +128,7 @@ BENCHMARK(BM_GroupInnerRunThroughLoop);
 void BM_PlainTaskThroughLoop(benchmark::State& state) {
   auto root = Tarvo::schedulerRootTarvoNonShared("bench");
   auto task = std::make_shared<Repeat>(root, TaskPriority::normal, "plain");
-  for (auto _ : state) {
-    task->left = kRunsPerTurn;
-    task->scheduleTask();
-    Tarvo::Platform::doEventLoop();
-  }
-  state.counters["per_run"] = perRun();
+  runThroughLoop(state, *task, "per_run");
 }
 BENCHMARK(BM_PlainTaskThroughLoop);
 
